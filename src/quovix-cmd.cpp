@@ -1,0 +1,419 @@
+// Command front end: run context, dispatch, banner, help, text mode and argument helper.
+#include "quovix-cmd.hpp"
+
+#include <unistd.h>  // readlink, for the directory of the running executable
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "quovix-alloc.hpp"
+
+namespace {
+
+// Data files looked for beside the executable.
+constexpr const char *kUnitaryName = "database_unitary.dat";
+constexpr const char *kBinaryName = "database_binary.dat";
+constexpr const char *kSymcardsName = "database_symcards.dat";
+
+// The path separator of this platform and the directory used when a path has none.
+constexpr char kSeparator = '/';
+constexpr const char *kCurrentDir = "./";
+
+char *dup_string(const char *s) {
+    std::size_t n = std::strlen(s);
+    char *out = static_cast<char *>(std::malloc(n + 1));
+    if (out) std::memcpy(out, s, n + 1);
+    return out;
+}
+
+// Directory of the running executable (with a trailing separator) from /proc/self/exe;
+// empty when it cannot be read. Used when argv[0] carries no directory, i.e. the program
+// was found through PATH, so that the data files beside it are still found.
+std::string running_executable_dir() {
+    char buf[QUOVIX_PATH_LEN];
+    ssize_t len = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+    if (len <= 0) return {};
+    buf[len] = '\0';
+    char *last = std::strrchr(buf, kSeparator);
+    if (!last) return {};
+    last[1] = '\0';
+    return buf;
+}
+
+// Full path of one data file; warns (and carries on) when it cannot be opened.
+char *data_file_path(const char *dir, const char *name) {
+    char buffer[QUOVIX_PATH_LEN];
+    std::snprintf(buffer, sizeof(buffer), "%.1023s", dir);
+    std::size_t used = std::strlen(buffer);
+    std::snprintf(buffer + used, sizeof(buffer) - used, "%s", name);
+    if (quovix_file_ptr probe{std::fopen(buffer, "rb")}; !probe) {
+        std::printf("Warning: unable to find %s\n", buffer);
+    }
+    return dup_string(buffer);
+}
+
+using Handler = void (*)(QUOVIX_CMD_OPT *);
+struct Command {
+    const char *option;
+    Handler handler;
+};
+
+// The command table; argv[1] is compared with each option exactly.
+constexpr Command kCommands[] = {
+    {"--help", quovix_cmd_opt_do_print_help},
+    {"-h", quovix_cmd_opt_do_print_help},
+    {"--print-sys", quovix_cmd_opt_print},
+    {"--print-cell", quovix_cmd_opt_do_print_cell},
+    {"--print-ppt", quovix_cmd_opt_do_print_ppt},
+    {"--print-ppt-full", quovix_cmd_opt_do_print_ppt_full},
+    {"--print-sym", quovix_cmd_opt_do_print_sym},
+    {"--print-cube", quovix_cmd_opt_do_print_cube},
+    {"--gen-cif", quovix_cmd_opt_do_gen_cif},
+    {"--gen-cif-reduced", quovix_cmd_opt_do_gen_cif_reduced},
+    {"--gen-cif-p1", quovix_cmd_opt_do_gen_cif_p1},
+    {"--gen-cif-assign", quovix_cmd_opt_do_gen_cif_assign},
+    {"--gen-cif-assign-all", quovix_cmd_opt_do_gen_cif_assign_all},
+    {"--gen-gin-lib", quovix_cmd_opt_do_gen_gin_lib},
+    {"--gen-gin-eam", quovix_cmd_opt_do_gen_gin_eam},
+    {"--gen-gin", quovix_cmd_opt_do_gen_gin},
+    {"--gen-cube", quovix_cmd_opt_do_gen_cube},
+    {"--gen-cube-gii", quovix_cmd_opt_do_gen_cube_gii},
+    {"--gen-cube-tot", quovix_cmd_opt_do_gen_cube_tot},
+    {"--gen-cube-tot-eam", quovix_cmd_opt_do_gen_cube_tot_eam},
+    {"--cal-charge", quovix_cmd_opt_do_cal_charge},
+    {"--cal-bv", quovix_cmd_opt_do_cal_bv},
+    {"--cal-bv-gui", quovix_cmd_opt_do_cal_bv_gui},
+    {"--cal-bv-type", quovix_cmd_opt_do_cal_bv_type},
+    {"--cal-gii", quovix_cmd_opt_do_cal_gii},
+    {"--cal-cn", quovix_cmd_opt_do_cal_cn},
+    {"--cal-cn-atom", quovix_cmd_opt_do_cal_cn_atom},
+    {"--cal-cn-type", quovix_cmd_opt_do_cal_cn_type},
+    {"--cal-cn-bv", quovix_cmd_opt_do_cal_cn_bv},
+    {"--cal-cn-gui", quovix_cmd_opt_do_cal_cn_gui},
+    {"--cal-sym", quovix_cmd_opt_do_cal_sym},
+    {"--cal-tot-en", quovix_cmd_opt_do_cal_tot_en},
+    {"--rx-sd", quovix_cmd_opt_do_rx_sd},
+    {"--rx-neb", quovix_cmd_opt_do_rx_neb},
+    {"--rx-neb-images", quovix_cmd_opt_do_rx_neb_images},
+    {"--fft", quovix_cmd_opt_do_fft},
+    {"--fft-cubes", quovix_cmd_opt_do_fft_cubes},
+    {"--fp-map", quovix_cmd_opt_do_fp_map},
+    {"--gh", quovix_cmd_opt_do_gh},
+    {"--kmc", quovix_cmd_opt_do_kmc},
+    {"--sites", quovix_cmd_opt_do_sites},
+    {"--md", quovix_cmd_opt_do_md},
+    {"--text-cal-bv", quovix_cmd_opt_do_text_cal_bv},
+    {"--text-gen-gin-lib", quovix_cmd_opt_do_text_gen_gin_lib},
+    {"--text-gen-gin-lib-set-sf", quovix_cmd_opt_do_text_gen_gin_lib_set_sf},
+};
+
+// One line of the help listing: nullptr option means an empty line.
+struct HelpLine {
+    const char *option;
+    const char *description;
+};
+
+constexpr HelpLine kHelp[] = {
+    {"--help", "display this help."},
+    {"--print-cell", "print the loaded cell."},
+    {"--print-ppt", "print the property corresponding to the loaded cell."},
+    {"--print-sym", "print the symmetry corresponding to the loaded cell."},
+    {"--print-cube", "print a summary of the loaded cube."},
+    {nullptr, nullptr},
+    {"--gen-cif", "write the loaded cell to file in cif format."},
+    {"--gen-cif-reduced", "write the loaded cell reduced by symmetry to file in cif format."},
+    {"--gen-cif-p1", "write the loaded cell to file in cif format without symmetry."},
+    {"--gen-cif-assign",
+     "write the cell with partially occupied sites of the conducting species assigned "
+     "occupancy 1.0 at random."},
+    {"--gen-cif-assign-all",
+     "write the cell with all partially occupied sites assigned occupancy 1.0 at random."},
+    {"--gen-gin-lib",
+     "generate a Morse type forcefield file in .lib format for calculation with software GULP."},
+    {"--gen-gin-eam",
+     "generate a Embedde-atom Method forcefield file in .lib format for calculation with "
+     "software GULP."},
+    {"--gen-gin",
+     "generate an overall input file in .gin format for performing molecular dynamics "
+     "calculaiton with software GULP."},
+    {"--gen-cube",
+     "static (bond-valence site energy) landscape of the conducting ion, written as a "
+     "Gaussian cube file."},
+    {"--gen-cube-gii", "static GII landscape, written as a cube file."},
+    {"--gen-cube-tot", "total energy landscape, written as a cube file."},
+    {"--gen-cube-tot-eam", "total energy landscape with the EAM term, written as a cube file."},
+    {nullptr, nullptr},
+    {"--cal-bv", "calculate bond valences (sums) of the loaded cell, then its GII."},
+    {"--cal-gii", "calculate the global instability index of the loaded cell."},
+    {"--cal-cn", "coordination number of the specified atom by radial distribution."},
+    {"--cal-cn-bv", "coordination number of the specified atom by bond valence theory."},
+    {"--cal-cn-atom", "coordination shell of the specified atom."},
+    {"--cal-cn-type", "averaged coordination number of the specified pair of ions."},
+    {"--cal-cn-gui", "coordination numbers of all sites by bond valence theory."},
+    {"--cal-sym", "calculate symmetry of the loaded cell."},
+    {"--cal-tot-en", "calculate the total energy of the loaded cell."},
+    {"--cal-charge", "calculate the total charge of the loaded cell."},
+    {nullptr, nullptr},
+    {"--rx-sd", "relax the cell by steepest descent and write the result as CIF."},
+    {"--rx-neb", "perform a simple nudged elastic bend calculation with input of two end images."},
+    {"--rx-neb-images", "nudged elastic band from a series of images."},
+    {"--fft",
+     "Fourier analysis of a cube: critical points with eigenvalues and eigenvectors."},
+    {"--fft-cubes",
+     "Fourier analysis writing force, force-constant, laplacian and slope cubes."},
+    {"--fp-map", "CIF file representing the conduction path in a cube."},
+    {"--gh",
+     "CIF and csv files of the characteristic conduction pathway in a cube."},
+    {"--sites", "summary of sites based on graph analysis."},
+    {"--md", "perform a molecular dynamics allowing only conducting ions to move."},
+    {"--kmc",
+     "conducts a kinetic monte carlo simulation to estimate the ionic conductivity given the "
+     "cif and cube files."},
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- run
+
+int quovix_cmd_start(int argc, char **argv) {
+    quovix_owner<QUOVIX_CMD_OPT, quovix_cmd_opt_free> opt{quovix_cmd_opt_init(argc, argv)};
+    if (!opt) {
+        std::fputs("Error: quovix_cmd_opt_init() returns NULL.\n", stderr);
+        return 1;
+    }
+    // One seed per run from the calendar time; every random choice draws from it.
+    std::srand(static_cast<unsigned>(std::time(nullptr)));
+
+    if (argc == 1 || std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "-v") == 0) {
+        quovix_cmd_opt_do_print_version(opt.get());
+        return 0;
+    }
+    for (const Command &c : kCommands) {
+        if (std::strcmp(argv[1], c.option) == 0) {
+            c.handler(opt.get());
+            std::fflush(stdout);
+            return 0;
+        }
+    }
+    std::printf("Error: arguments not recognized. '-h' for help.\n");
+    return 0;
+}
+
+QUOVIX_CMD_OPT *quovix_cmd_opt_init(int argc, char **argv) {
+    if (argc < 1 || !argv || !argv[0]) {
+        std::fputs("Error: unable to allocate QUOVIX_CMD_OPT.\n", stderr);
+        return nullptr;
+    }
+    if (std::strlen(argv[0]) > 999) {
+        std::fputs("Error: executable path too long.\n", stderr);
+        return nullptr;
+    }
+    quovix_owner<QUOVIX_CMD_OPT, quovix_cmd_opt_free> opt{
+        static_cast<QUOVIX_CMD_OPT *>(std::calloc(1, sizeof(QUOVIX_CMD_OPT)))};
+    if (!opt) {
+        std::fputs("Error: unable to allocate QUOVIX_CMD_OPT.\n", stderr);
+        return nullptr;
+    }
+    opt->argc = argc;
+    opt->argv = argv;
+
+    if (std::strchr(argv[0], kSeparator) == nullptr) {
+        std::string dir = running_executable_dir();
+        opt->path_executable = dup_string(dir.empty() ? kCurrentDir : dir.c_str());
+    } else {
+        quovix_cmd_opt_split_path(&opt->path_executable, nullptr, argv[0]);
+    }
+    if (!opt->path_executable) {
+        std::fputs("Error: unable to allocate string.\n", stderr);
+        return nullptr;
+    }
+    opt->dir_unitary = data_file_path(opt->path_executable, kUnitaryName);
+    opt->dir_binary = data_file_path(opt->path_executable, kBinaryName);
+    opt->dir_symcards = data_file_path(opt->path_executable, kSymcardsName);
+    opt->mode_text = dup_string("-:text");
+    opt->mode_newline = dup_string("-:nl");
+    if (!opt->dir_unitary || !opt->dir_binary || !opt->dir_symcards || !opt->mode_text ||
+        !opt->mode_newline) {
+        std::fputs("Error: unable to allocate string.\n", stderr);
+        return nullptr;
+    }
+    return opt.release();
+}
+
+void quovix_cmd_opt_split_path(char **dir, char **name, const char *path) {
+    if (!path) path = "";
+    const char *last = std::strrchr(path, kSeparator);
+    if (last) {
+        std::size_t n = static_cast<std::size_t>(last - path) + 1;
+        if (dir) {
+            *dir = static_cast<char *>(std::malloc(n + 1));
+            if (*dir) {
+                std::memcpy(*dir, path, n);
+                (*dir)[n] = '\0';
+            }
+        }
+        if (name) *name = dup_string(last + 1);
+    } else {
+        if (dir) *dir = dup_string(kCurrentDir);
+        if (name) *name = dup_string(path);
+    }
+}
+
+void quovix_cmd_opt_get_type(char *type, const char *str) {
+    if (!type) return;
+    type[0] = '\0';
+    if (!str) return;
+    std::size_t n = 0;
+    while (n < 2 && str[n] != '\0') {
+        type[n] = str[n];
+        ++n;
+    }
+    type[n] = '\0';
+    type[2] = '\0';
+}
+
+void quovix_cmd_opt_free(QUOVIX_CMD_OPT *opt) {
+    if (!opt) return;
+    std::free(opt->dir_unitary);
+    std::free(opt->dir_binary);
+    std::free(opt->dir_symcards);
+    std::free(opt->path_executable);
+    std::free(opt->mode_text);
+    std::free(opt->mode_newline);
+    std::free(opt);
+}
+
+void quovix_cmd_opt_print(QUOVIX_CMD_OPT *opt) {
+    if (!opt) {
+        std::printf("CMD_OPT: (not allocated)\n");
+        return;
+    }
+    std::printf("CMD_OPT: dir_unitary=     %s\n", opt->dir_unitary);
+    std::printf("CMD_OPT: dir_binary=      %s\n", opt->dir_binary);
+    std::printf("CMD_OPT: dir_symcards=    %s\n", opt->dir_symcards);
+    std::printf("CMD_OPT: path_executable= %s\n", opt->path_executable);
+    std::printf("CMD_OPT: mode_text=   \"%s\"\n", opt->mode_text);
+    std::printf("CMD_OPT: mode_newline=\"%s\"\n", opt->mode_newline);
+}
+
+QUOVIX_TEXT *quovix_cmd_opt_cat_tail(QUOVIX_CMD_OPT *opt) {
+    if (!opt || !opt->argv) {
+        std::fputs("Error: text-mode key phrase not found.\n", stderr);
+        return nullptr;
+    }
+    // The last "-:text" among argv[0..argc-2] wins; the final word is not examined.
+    int start = -1;
+    for (int i = 0; i < opt->argc - 1; ++i) {
+        if (std::strcmp(opt->argv[i], opt->mode_text) == 0) start = i + 1;
+    }
+    if (start < 0) {
+        std::fputs("Error: text-mode key phrase not found.\n", stderr);
+        return nullptr;
+    }
+    QUOVIX_TEXT *text = quovix_text_new(nullptr);
+    if (!text) {
+        std::fputs("Error: quovix_text_new() returns NULL.\n", stderr);
+        return nullptr;
+    }
+    for (int i = start; i < opt->argc; ++i) {
+        int status = 0;
+        if (std::strcmp(opt->argv[i], opt->mode_newline) == 0) {
+            status = quovix_text_append(text, "\n");
+        } else {
+            status = quovix_text_append(text, " ");
+            if (status == 0) status = quovix_text_append(text, opt->argv[i]);
+        }
+        if (status != 0) {
+            // A failed append has already released the buffer.
+            std::fputs("Error: quovix_text_append() returns non-zero.\n", stderr);
+            return nullptr;
+        }
+    }
+    return text;
+}
+
+void quovix_cmd_opt_do_print_version(QUOVIX_CMD_OPT *) {
+    std::printf("  Quovix-ver 1.3.0-cmd\n");
+    std::printf("    --help to list commands available.\n");
+    std::printf("    Developed by the Quovix team, bond-valence tools for ionic crystals.\n");
+    std::printf("    Please report bugs to the Quovix issue tracker.\n");
+}
+
+void quovix_cmd_opt_do_print_help(QUOVIX_CMD_OPT *) {
+    std::printf("Message: avalable commands are listed.\n");
+    std::printf(
+        "Message: detailed help with each command can be found by typing each command without "
+        "argument,\n");
+    std::printf(
+        "Message: basic format is: --command-name [compulsory arguments] | {optional "
+        "arguments}\n");
+    std::printf("\n");
+    for (const HelpLine &line : kHelp) {
+        if (!line.option) {
+            std::printf("\n");
+            continue;
+        }
+        // The option column is 20 characters wide, so that the longest option
+        // (--gen-cif-assign-all) still lines up with the others.
+        std::printf("Message:   %-20s: %s\n", line.option, line.description);
+    }
+}
+
+// ---------------------------------------------------------------- arguments
+
+quovix_args::quovix_args(const QUOVIX_CMD_OPT *opt) {
+    if (opt && opt->argv && opt->argc > 2) {
+        words = std::span<char *const>(opt->argv + 2, static_cast<std::size_t>(opt->argc - 2));
+    }
+}
+
+std::string_view quovix_args::str(std::size_t i) const {
+    return has(i) ? std::string_view(words[i]) : std::string_view();
+}
+
+bool quovix_args::read_double(std::size_t i, double &out) const {
+    double v = 0.0;
+    if (!has(i) || std::sscanf(words[i], "%lf", &v) != 1) return false;
+    out = v;
+    return true;
+}
+
+bool quovix_args::read_int(std::size_t i, int &out) const {
+    int v = 0;
+    if (!has(i) || std::sscanf(words[i], "%d", &v) != 1) return false;
+    out = v;
+    return true;
+}
+
+bool quovix_args::read_long(std::size_t i, long &out) const {
+    long v = 0;
+    if (!has(i) || std::sscanf(words[i], "%ld", &v) != 1) return false;
+    out = v;
+    return true;
+}
+
+void quovix_args::read_flag(std::size_t i, bool &out) const {
+    if (!has(i)) return;
+    char c = words[i][0];
+    if (out) {
+        if (c == 'f' || c == 'F') out = false;
+    } else {
+        if (c == 't' || c == 'T') out = true;
+    }
+}
+
+void quovix_cmd_name_append(char out[QUOVIX_PATH_LEN], const char *input, const char *suffix) {
+    std::snprintf(out, QUOVIX_PATH_LEN, "%.1000s%s", input ? input : "", suffix ? suffix : "");
+}
+
+void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input,
+                                 const char *suffix) {
+    char base[QUOVIX_PATH_LEN];
+    std::snprintf(base, sizeof(base), "%.1000s", input ? input : "");
+    std::size_t n = std::strlen(base);
+    if (n > 3) base[n - 4] = '\0';
+    std::snprintf(out, QUOVIX_PATH_LEN, "%s%s", base, suffix ? suffix : "");
+}

@@ -1,0 +1,99 @@
+// Command front end: run context, command table, argument helper and handlers.
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <string_view>
+
+#include "quovix.hpp"
+
+/// Context of one run; built by quovix_cmd_opt_init, freed by quovix_cmd_opt_free.
+struct QUOVIX_CMD_OPT {
+    int argc;
+    char **argv;            // not owned
+    char *dir_unitary;      // full path of database_unitary.dat
+    char *dir_binary;       // full path of database_binary.dat
+    char *dir_symcards;     // full path of database_symcards.dat
+    char *path_executable;  // directory of the executable, ending with '/'
+    char *mode_text;        // "-:text"
+    char *mode_newline;     // "-:nl"
+};
+
+/// The whole run; 0 whenever the context could be built, 1 otherwise.
+int quovix_cmd_start(int argc, char **argv);
+QUOVIX_CMD_OPT *quovix_cmd_opt_init(int argc, char **argv);
+/// Splits `path` at its last '/': dir keeps the separator, "./" when there is none.
+/// Either output may be null; results are malloc'ed strings owned by the caller.
+void quovix_cmd_opt_split_path(char **dir, char **name, const char *path);
+void quovix_cmd_opt_get_type(char *type, const char *str);
+void quovix_cmd_opt_free(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_print(QUOVIX_CMD_OPT *opt);
+struct QUOVIX_TEXT;
+QUOVIX_TEXT *quovix_cmd_opt_cat_tail(QUOVIX_CMD_OPT *opt);
+
+/// Positional arguments of a handler: the words after the command name.
+struct quovix_args {
+    std::span<char *const> words;
+    explicit quovix_args(const QUOVIX_CMD_OPT *opt);
+    std::size_t count() const { return words.size(); }
+    bool has(std::size_t i) const { return i < words.size(); }
+    std::string_view str(std::size_t i) const;
+    const char *c_str(std::size_t i) const { return has(i) ? words[i] : nullptr; }
+    bool read_double(std::size_t i, double &out) const;  // "%lf"; false if missing/unreadable
+    bool read_int(std::size_t i, int &out) const;        // "%d"
+    bool read_long(std::size_t i, long &out) const;      // "%ld"
+    /// Flag by first letter: default true -> false on 'f'/'F'; default false -> true on 't'/'T'.
+    /// A missing word leaves `out` unchanged.
+    void read_flag(std::size_t i, bool &out) const;
+};
+
+/// Output name: whole input name + suffix, at most 1000 characters of the input.
+void quovix_cmd_name_append(char out[QUOVIX_PATH_LEN], const char *input, const char *suffix);
+/// Output name: input name without its last four characters (when longer than three) + suffix.
+void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input, const char *suffix);
+
+// Handlers: each prints its own usage block when compulsory arguments are missing.
+void quovix_cmd_opt_do_print_version(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_print_help(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_print_cell(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_print_ppt(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_print_ppt_full(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_print_sym(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_print_cube(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cif(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cif_reduced(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cif_p1(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cif_assign(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cif_assign_all(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_gin_lib(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_gin_eam(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_gin(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cube(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cube_gii(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cube_tot(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cube_tot_eam(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_charge(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_bv(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_bv_gui(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_bv_type(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_gii(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_cn(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_cn_atom(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_cn_type(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_cn_bv(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_cn_gui(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_sym(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_cal_tot_en(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_rx_sd(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_rx_neb(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_rx_neb_images(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_fft(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_fft_cubes(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_fp_map(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gh(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_kmc(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_sites(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_md(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_text_cal_bv(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_text_gen_gin_lib(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_text_gen_gin_lib_set_sf(QUOVIX_CMD_OPT *opt);

@@ -1,0 +1,32 @@
+# Runs one golden case: cmake -DEXE=.. -DCASE_DIR=.. -DWORK_DIR=.. -P run_case.cmake
+# The case's input/ is copied into a fresh work directory, quovix.x runs there with the
+# words of `args`, and every file under expected/ must equal the produced one byte for byte.
+file(REMOVE_RECURSE "${WORK_DIR}")
+file(MAKE_DIRECTORY "${WORK_DIR}")
+if(EXISTS "${CASE_DIR}/input")
+  file(COPY "${CASE_DIR}/input/" DESTINATION "${WORK_DIR}")
+endif()
+file(STRINGS "${CASE_DIR}/args" args)
+separate_arguments(args UNIX_COMMAND "${args}")
+execute_process(COMMAND "${EXE}" ${args} WORKING_DIRECTORY "${WORK_DIR}"
+  OUTPUT_FILE "${WORK_DIR}/stdout" ERROR_FILE "${WORK_DIR}/stderr" RESULT_VARIABLE status)
+set(want 0)
+if(EXISTS "${CASE_DIR}/status")
+  file(STRINGS "${CASE_DIR}/status" want)
+endif()
+set(failed "")
+if(NOT status EQUAL want)
+  list(APPEND failed "exit status ${status}")
+endif()
+file(GLOB expected RELATIVE "${CASE_DIR}/expected" "${CASE_DIR}/expected/*")
+foreach(name IN LISTS expected)
+  execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files
+    "${CASE_DIR}/expected/${name}" "${WORK_DIR}/${name}" RESULT_VARIABLE differ)
+  if(NOT differ EQUAL 0)
+    list(APPEND failed "${name}")
+    execute_process(COMMAND diff -u "${CASE_DIR}/expected/${name}" "${WORK_DIR}/${name}")
+  endif()
+endforeach()
+if(failed)
+  message(FATAL_ERROR "mismatch: ${failed}; actual files kept in ${WORK_DIR}")
+endif()

@@ -1,0 +1,10 @@
+# Copies quovix.x alone into an empty directory and runs --print-sys there.
+file(REMOVE_RECURSE "${WORK_DIR}")
+file(MAKE_DIRECTORY "${WORK_DIR}")
+file(COPY "${EXE}" DESTINATION "${WORK_DIR}")
+get_filename_component(name "${EXE}" NAME)
+execute_process(COMMAND "${WORK_DIR}/${name}" --print-sys OUTPUT_VARIABLE out RESULT_VARIABLE status)
+message("${out}")
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "exit status ${status}")
+endif()
