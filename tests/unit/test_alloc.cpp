@@ -1,0 +1,498 @@
+// Text buffer, record allocation, copying and the exact diagnostic print formats.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "quovix-alloc.hpp"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+// A scratch file path unique to this test binary and name.
+std::string temp_path(const char *name) { return testing::TempDir() + "quovix_alloc_" + name; }
+
+void write_file(const std::string &path, const std::string &bytes) {
+    std::FILE *f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    std::fwrite(bytes.data(), 1, bytes.size(), f);
+    std::fclose(f);
+}
+
+std::string read_file(const std::string &path) {
+    std::string s;
+    std::FILE *f = std::fopen(path.c_str(), "rb");
+    if (!f) return "<missing>";
+    int c;
+    while ((c = std::fgetc(f)) != EOF) s.push_back(static_cast<char>(c));
+    std::fclose(f);
+    return s;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ text buffer
+
+TEST(TextBuffer, GrowsInWholeBlocksLeavingRoomForTheTerminator) {
+    struct Case {
+        size_t n;
+        long allocated;
+    };
+    for (Case c : {Case{1023, 1024}, Case{1024, 2048}, Case{2047, 3072}, Case{2048, 3072}}) {
+        const std::string s(c.n, 'x');
+        quovix_text_ptr text{quovix_text_new(s.c_str())};
+        ASSERT_TRUE(text);
+        EXPECT_EQ(text->length, static_cast<long>(c.n)) << c.n;
+        EXPECT_EQ(text->allocated, c.allocated) << c.n;
+        EXPECT_EQ(std::string(text->content), s);
+    }
+    // Growing step by step: the 1024th character forces the second block.
+    quovix_text_ptr text{quovix_text_new(std::string(1023, 'a').c_str())};
+    ASSERT_TRUE(text);
+    ASSERT_EQ(quovix_text_append(text.get(), "b"), 0);
+    EXPECT_EQ(text->allocated, 2048);
+    EXPECT_EQ(text->length, 1024);
+    EXPECT_EQ(text->content[1023], 'b');
+    EXPECT_EQ(text->content[1024], '\0');
+}
+
+TEST(TextBuffer, NullArgumentsAndCatAndDump) {
+    quovix_text_ptr text{quovix_text_new(nullptr)};
+    ASSERT_TRUE(text);
+    EXPECT_EQ(text->length, 0);
+    EXPECT_EQ(text->allocated, 1024);
+    EXPECT_EQ(quovix_text_append(text.get(), nullptr), 0);
+    EXPECT_EQ(quovix_text_append(nullptr, "abc"), 0);
+
+    quovix_text_ptr src{quovix_text_new("hello ")};
+    quovix_text_ptr empty{quovix_text_new("")};
+    EXPECT_EQ(quovix_text_cat(text.get(), src.get()), 0);
+    EXPECT_EQ(quovix_text_cat(text.get(), empty.get()), 0);
+    EXPECT_EQ(quovix_text_cat(text.get(), src.get()), 0);
+    EXPECT_STREQ(text->content, "hello hello ");
+    EXPECT_EQ(text->length, 12);
+
+    CaptureStderr();
+    EXPECT_EQ(quovix_text_cat(text.get(), nullptr), 1);
+    EXPECT_EQ(GetCapturedStderr(), "Error: QUOVIX_TEXT has not been properly initialized.\n");
+
+    ASSERT_EQ(quovix_text_append(text.get(), std::string(3000, 'z').c_str()), 0);
+    EXPECT_EQ(text->allocated, 3072);  // 12 + 3000 characters: floor(3013 / 1024) + 1 blocks
+    ASSERT_EQ(quovix_text_dump(text.get()), 0);
+    EXPECT_EQ(text->allocated, 1024);
+    EXPECT_EQ(text->length, 0);
+    EXPECT_STREQ(text->content, "");
+
+    CaptureStderr();
+    EXPECT_EQ(quovix_text_dump(nullptr), 1);
+    EXPECT_EQ(GetCapturedStderr(), "Error: QUOVIX_TEXT has not been properly allocated.\n");
+
+    CaptureStdout();
+    quovix_text_print(src.get());
+    quovix_text_print(nullptr);
+    EXPECT_EQ(GetCapturedStdout(), "hello \n(not allocated)\n");
+}
+
+TEST(TextBuffer, ImportKeepsBytesAndSizesTheBuffer) {
+    const std::string path = temp_path("crlf.txt");
+    const std::string bytes = "a\r\nb\r\n" + std::string(1016, 'c');  // 1022 bytes
+    write_file(path, bytes);
+    quovix_text_ptr text{quovix_text_import_from_file(path.c_str())};
+    ASSERT_TRUE(text);
+    EXPECT_EQ(text->length, 1022);
+    EXPECT_EQ(text->allocated, 1024);  // ((1022 + 1) / 1024 + 1) * 1024
+    EXPECT_EQ(std::string(text->content), bytes);
+
+    write_file(path, std::string(1023, 'd'));  // the terminator needs the next block
+    text.reset(quovix_text_import_from_file(path.c_str()));
+    ASSERT_TRUE(text);
+    EXPECT_EQ(text->allocated, 2048);
+    std::remove(path.c_str());
+}
+
+TEST(TextBuffer, ImportFailsOnEmptyAndMissingFiles) {
+    const std::string path = temp_path("empty.txt");
+    write_file(path, "");
+    CaptureStderr();
+    EXPECT_EQ(quovix_text_import_from_file(path.c_str()), nullptr);
+    EXPECT_EQ(GetCapturedStderr(), "Error: failed to read content of " + path + "\n");
+    std::remove(path.c_str());
+
+    CaptureStderr();
+    EXPECT_EQ(quovix_text_import_from_file(path.c_str()), nullptr);
+    EXPECT_EQ(GetCapturedStderr(), "Error: unable to open " + path + "\n");
+
+    // A directory opens but reports an absurd end position.
+    const std::string dir = testing::TempDir();
+    CaptureStderr();
+    EXPECT_EQ(quovix_text_import_from_file(dir.c_str()), nullptr);
+    EXPECT_EQ(GetCapturedStderr(), "Error: failed to read content of " + dir + "\n");
+}
+
+TEST(TextBuffer, ExportTruncatesAndAppendAppends) {
+    const std::string path = temp_path("out.txt");
+    quovix_text_ptr text{quovix_text_new("x\r\ny\n")};
+    ASSERT_TRUE(text);
+    write_file(path, "old content that must go");
+    ASSERT_EQ(quovix_text_export_to_file(text.get(), path.c_str()), 0);
+    EXPECT_EQ(read_file(path), "x\r\ny\n");
+    ASSERT_EQ(quovix_text_append_to_file(text.get(), path.c_str()), 0);
+    EXPECT_EQ(read_file(path), "x\r\ny\nx\r\ny\n");
+    std::remove(path.c_str());
+
+    const std::string bad = temp_path("no_such_dir/out.txt");
+    CaptureStderr();
+    EXPECT_EQ(quovix_text_export_to_file(text.get(), bad.c_str()), 1);
+    EXPECT_EQ(GetCapturedStderr(), "Error: unable to open " + bad + ".\n");
+}
+
+TEST(TextBuffer, SplitsRowsAtEverySeparator) {
+    struct Case {
+        const char *text;
+        std::vector<std::string> rows;
+    };
+    const Case cases[] = {
+        {"a\nb", {"a", "b"}},
+        {"a\nb\n", {"a", "b", ""}},
+        {"a\r\nb\r\n", {"a\r", "b\r", ""}},
+        {"a\n\nb", {"a", "", "b"}},
+        {"", {""}},
+    };
+    for (const Case &c : cases) {
+        quovix_text_ptr text{quovix_text_new(c.text)};
+        ASSERT_TRUE(text);
+        char **rows = nullptr;
+        long n = 0;
+        CaptureStdout();
+        ASSERT_EQ(quovix_text_segregate_into_rows(&rows, &n, text.get(), '\n'), 0);
+        EXPECT_EQ(GetCapturedStdout(),
+                  "Message: total lines in the cif: " + std::to_string(c.rows.size()) + "\n");
+        ASSERT_EQ(n, static_cast<long>(c.rows.size())) << c.text;
+        for (long i = 0; i < n; i++) EXPECT_EQ(rows[i], c.rows[i]) << c.text << " row " << i;
+        quovix_array_char_2D_free(rows, n);
+    }
+}
+
+// ------------------------------------------------------------------ records
+
+TEST(Records, AtomAndCellPrintFormats) {
+    CaptureStderr();
+    EXPECT_EQ(quovix_atom_new(0), nullptr);
+    EXPECT_EQ(GetCapturedStderr(), "Error: number of atoms must be positive.\n");
+
+    quovix_cell_ptr empty{quovix_cell_new(0)};
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(empty->total, 0);
+    EXPECT_EQ(empty->atom, nullptr);
+
+    quovix_cell_ptr cell{quovix_cell_new(1)};
+    ASSERT_TRUE(cell);
+    std::strcpy(cell->name, "Li2O");
+    cell->a[0][0] = cell->a[1][1] = cell->a[2][2] = 4.6;
+    cell->parameter[0] = cell->parameter[1] = cell->parameter[2] = 4.6;
+    cell->angle[0] = cell->angle[1] = cell->angle[2] = 90.0;
+    QUOVIX_ATOM &at = cell->atom[0];
+    std::strcpy(at.name, "O1");
+    std::strcpy(at.type, "O");
+    at.os = -2;
+    at.x_f[0] = 0.5;
+    at.x_f[1] = 0.25;
+    at.x_f[2] = 0.0005;  // rounds up to 0.001
+    at.occ = 1.0;
+    at.flag = 12;
+    at.ignored = true;
+
+    const std::string atom_line =
+        "ATOM: name=    O1;type= O;os=-2;x_f=(0.500,0.250,0.001);occ=1.000; flag=12;ignored=1\n";
+    CaptureStdout();
+    quovix_atom_print(&at);
+    quovix_atom_print(nullptr);
+    EXPECT_EQ(GetCapturedStdout(), atom_line + "ATOM: (not allocated)\n");
+
+    CaptureStdout();
+    quovix_cell_print(cell.get());
+    quovix_cell_print(nullptr);
+    EXPECT_EQ(GetCapturedStdout(),
+              "CELL: name: Li2O\n"
+              "CELL: vector matrix:\n"
+              "CELL:                4.600000    0.000000    0.000000\n"
+              "CELL:                0.000000    4.600000    0.000000\n"
+              "CELL:                0.000000    0.000000    4.600000\n"
+              "CELL: parameters:    4.600000    4.600000    4.600000\n"
+              "CELL: angles:       90.000000   90.000000   90.000000\n"
+              "CELL: total atom: 1\n"
+              "CELL: [  0]" +
+                  atom_line + "CELL: (not allocated)\n");
+}
+
+TEST(Records, CellCopyIsDeep) {
+    quovix_cell_ptr cell{quovix_cell_new(3)};
+    ASSERT_TRUE(cell);
+    std::strcpy(cell->name, "test");
+    cell->Z = 4;
+    cell->a[2][1] = 1.5;
+    for (int i = 0; i < 3; i++) cell->atom[i].occ = 0.1 * (i + 1);
+    quovix_cell_ptr copy{quovix_cell_copy(cell.get())};
+    ASSERT_TRUE(copy);
+    EXPECT_NE(copy->atom, cell->atom);
+    EXPECT_EQ(copy->total, 3);
+    EXPECT_EQ(copy->Z, 4);
+    EXPECT_STREQ(copy->name, "test");
+    EXPECT_EQ(copy->a[2][1], 1.5);
+    cell->atom[2].occ = 9.0;
+    EXPECT_DOUBLE_EQ(copy->atom[2].occ, 0.3);
+    EXPECT_EQ(quovix_cell_copy(nullptr), nullptr);
+
+    quovix_cell_ptr empty{quovix_cell_new(0)};
+    quovix_cell_ptr empty_copy{quovix_cell_copy(empty.get())};
+    ASSERT_TRUE(empty_copy);
+    EXPECT_EQ(empty_copy->atom, nullptr);
+}
+
+TEST(Records, CardsAndSymmetryPrintFormats) {
+    const std::string long_text(50, 'x');
+    QUOVIX_CARD *card = quovix_card_new(long_text.c_str());
+    ASSERT_NE(card, nullptr);
+    EXPECT_EQ(std::string(card->text), std::string(35, 'x'));
+    quovix_card_free(card);
+
+    quovix_symmetry_ptr p1{quovix_symmetry_new_p1()};
+    ASSERT_TRUE(p1);
+    EXPECT_TRUE(quovix_symmetry_is_p1(p1.get()));
+    p1->card[0].r_i[1][1] = -1;
+    p1->card[0].t_i[2] = 6;
+    CaptureStdout();
+    quovix_symmetry_print(p1.get());
+    quovix_symmetry_print_discrete(p1.get());
+    quovix_symmetry_print(nullptr);
+    quovix_card_print(nullptr);
+    EXPECT_EQ(GetCapturedStdout(),
+              "SYMMETRY: Hermann-Maugui group symbol: P 1\n"
+              "SYMMETRY: Hall group symbol: P 1\n"
+              "SYMMETRY: International Table ID: 1\n"
+              "SYMMETRY: Total number of cards: 1\n"
+              "CARD: text:x, y, z\n"
+              "CARD:   1.000  0.000  0.000       0.000\n"
+              "CARD:   0.000  1.000  0.000       0.000\n"
+              "CARD:   0.000  0.000  1.000       0.000\n"
+              "SYMMETRY: Hermann-Maugui group symbol: P 1\n"
+              "SYMMETRY: Hall group symbol: P 1\n"
+              "SYMMETRY: International Table ID: 1\n"
+              "SYMMETRY: Total number of cards: 1\n"
+              "CARD: text:x, y, z\n"
+              "CARD:   0  0  0      0\n"
+              "CARD:   0 -1  0      0\n"
+              "CARD:   0  0  0      6\n"
+              "SYMMETRY: (not allocated)\n"
+              "CARD: (not allocated)\n");
+
+    p1->card[0].t_f[0] = 0.5;
+    EXPECT_FALSE(quovix_symmetry_is_p1(p1.get()));
+}
+
+// ------------------------------------------------------------------ parameter sets
+
+namespace {
+
+// Li+ / O2- parameter set: only the Li-O pair carries a cutoff.
+quovix_property_ptr make_li_o() {
+    quovix_property_ptr ppt{quovix_property_new(2)};
+    if (!ppt) return ppt;
+    std::strcpy(ppt->type[0], "Li");
+    ppt->os[0] = 1;
+    ppt->count[0] = 4.0;
+    std::strcpy(ppt->type[1], "O");
+    ppt->os[1] = -2;
+    ppt->count[1] = 2.0;
+    QUOVIX_PROPERTY_UNITARY &li = ppt->uni[0];
+    std::strcpy(li.type, "Li");
+    li.os = 1;
+    li.an = 3;
+    li.soft = 0.123456;
+    li.rc = 0.9;
+    li.q = 0.75;
+    li.f1 = 0.5;
+    QUOVIX_PROPERTY_UNITARY &o = ppt->uni[1];
+    std::strcpy(o.type, "O");
+    o.os = -2;
+    o.an = 8;
+    o.soft = 0.654321;
+    o.rc = 1.25;
+    o.q = -1.5;
+    for (int i = 0; i < 2; i++) {
+        for (int j = 0; j < 2; j++) {
+            QUOVIX_PROPERTY_BINARY &b = ppt->bin[i][j];
+            std::strcpy(b.type1, ppt->type[i]);
+            b.os1 = ppt->os[i];
+            std::strcpy(b.type2, ppt->type[j]);
+            b.os2 = ppt->os[j];
+        }
+    }
+    QUOVIX_PROPERTY_BINARY &lio = ppt->bin[0][1];
+    lio.d0 = 0.1;
+    lio.rmin = 1.9;
+    lio.b = 0.37;
+    lio.r0 = 1.466;
+    lio.cutoff = 5.5;
+    lio.cn = 4.0;
+    lio.f0 = 0.2;
+    ppt->bin[1][1].d0 = 7.0;  // no cutoff: must not be listed
+    ppt->sf = 0.75;
+    return ppt;
+}
+
+}  // namespace
+
+TEST(Property, EmptyAndNegativeTotals) {
+    quovix_property_ptr ppt{quovix_property_new(0)};
+    ASSERT_TRUE(ppt);
+    EXPECT_EQ(ppt->total, 0);
+    EXPECT_EQ(ppt->conducting, -1);
+    EXPECT_EQ(ppt->type, nullptr);
+    EXPECT_EQ(ppt->uni, nullptr);
+    EXPECT_EQ(ppt->bin, nullptr);
+    CaptureStdout();
+    quovix_property_print(ppt.get());
+    EXPECT_EQ(GetCapturedStdout(), "PPT: (not allocated)\n");
+
+    CaptureStderr();
+    EXPECT_EQ(quovix_property_copy(ppt.get()), nullptr);
+    EXPECT_EQ(quovix_property_new(-1), nullptr);
+    EXPECT_EQ(GetCapturedStderr(),
+              "Error: QUOVIX_PROPERTY has not been properly initialized.\n"
+              "Error: number of counts must not be negative.\n");
+}
+
+TEST(Property, FormattedTablesSkipPairsWithoutCutoff) {
+    quovix_property_ptr ppt = make_li_o();
+    ASSERT_TRUE(ppt);
+    const std::string rule63 = "PPT:" + std::string(63, '=') + "\n";
+    const std::string dash63 = "PPT:" + std::string(63, '-') + "\n";
+    const std::string rule90 = "PPT:" + std::string(90, '=') + "\n";
+    const std::string dash90 = "PPT:" + std::string(90, '-') + "\n";
+    CaptureStdout();
+    quovix_property_print_format(ppt.get());
+    // D_0 = 0.1 * 14.39964 / 2 = 0.719982, F_0 = 0.2 * 14.39964 / 2 = 1.439964.
+    EXPECT_EQ(GetCapturedStdout(),
+              "PPT: total number of PROPERTY_UNITARY: 2\n" + rule63 +
+                  "PPT: | type | count | an | softness |   rc |         q |      F_1 |\n" + dash63 +
+                  "PPT: | Li1+ |   4.0 |  3 | 0.123456 | 0.90 |  0.750000 | 0.500000 |\n"
+                  "PPT: |  O2- |   2.0 |  8 | 0.654321 | 1.25 | -1.500000 | 0.000000 |\n" +
+                  dash63 + "PPT: total number of PROPERTY_BINARY: 4\n" + rule90 +
+                  "PPT: | cation |  anion |      D_0 |    R_min |     b |      R_0 | R_cutoff "
+                  "|   CN |      F_0 |\n" +
+                  dash90 +
+                  "PPT: |   Li1+ |    O2- | 0.719982 | 1.900000 | 0.370 | 1.466000 | 5.500000 "
+                  "| 4.00 | 1.439964 |\n" +
+                  rule90 + "PPT: screening factor = 0.750000\n");
+}
+
+TEST(Property, RawPrintAndDeepCopy) {
+    quovix_property_ptr ppt = make_li_o();
+    ASSERT_TRUE(ppt);
+    ppt->conducting = 0;
+    quovix_property_ptr copy{quovix_property_copy(ppt.get())};
+    ASSERT_TRUE(copy);
+    EXPECT_NE(copy->bin[0], ppt->bin[0]);
+    ppt->bin[0][1].r0 = 9.0;
+    ppt->uni[1].q = 9.0;
+    std::strcpy(ppt->type[0], "Na");
+    EXPECT_EQ(copy->bin[0][1].r0, 1.466);
+    EXPECT_EQ(copy->uni[1].q, -1.5);
+    EXPECT_STREQ(copy->type[0], "Li");
+    EXPECT_EQ(copy->os[1], -2);
+    EXPECT_EQ(copy->count[0], 4.0);
+    EXPECT_EQ(copy->sf, 0.75);
+    EXPECT_EQ(copy->conducting, 0);
+
+    CaptureStdout();
+    quovix_property_print(copy.get());
+    const std::string out = GetCapturedStdout();
+    EXPECT_EQ(out.substr(0, out.find('\n', out.find('\n') + 1) + 1),
+              "PPT: total number of PROPERTY_UNITARY: 2\n"
+              "Li(1):soft=0.123;rc=0.900;m=  0.00;an=3;n=0;g=0;b=0;c=0;q= 0.750\n");
+    EXPECT_NE(out.find("PPT: total number of PROPERTY_BINARY: 4\n"
+                       "Li(1)Li(1):b=0.000;"),
+              std::string::npos);
+    EXPECT_NE(out.find("Li(1)O(-2):b=0.370;b_old=0.000;r0=1.466;cutoff=5.5;cn=4.00;d0= 0.100,"
+                       "rmin=1.900;r_bc=0.000;r_cc=0.000;bv_s= 0.000;en_s= 0.00000;f_s=0.00000;"
+                       "a0= 0.000;a1=0.000;a2=0.000\n"),
+              std::string::npos);
+    const std::string tail = "PPT: conducting species = Li(1)\nPPT: screening factor=0.750000\n";
+    EXPECT_EQ(out.substr(out.size() - tail.size()), tail);
+}
+
+// ------------------------------------------------------------------ arrays
+
+TEST(Arrays, ZeroFilledAndRejectNonPositiveSizes) {
+    double ***d = quovix_array_double_3D_new(2, 3, 4);
+    ASSERT_NE(d, nullptr);
+    double sum = 0.0;
+    for (int i = 0; i < 2; i++)
+        for (int j = 0; j < 3; j++)
+            for (int k = 0; k < 4; k++) sum += d[i][j][k];
+    EXPECT_EQ(sum, 0.0);
+    quovix_array_double_3D_free(d, 2, 3);
+
+    CaptureStderr();
+    EXPECT_EQ(quovix_array_int_1D_new(0), nullptr);
+    EXPECT_EQ(quovix_array_int_2D_new(3, -1), nullptr);
+    EXPECT_EQ(quovix_array_char_3D_new(1, 0, 1), nullptr);
+    EXPECT_EQ(GetCapturedStderr(),
+              "Error: unable to allocate QUOVIX_ARRAY_1D.\n"
+              "Error: unable to allocate QUOVIX_ARRAY_2D.\n"
+              "Error: unable to allocate QUOVIX_ARRAY_3D.\n");
+
+    // Byte sizes beyond the address space fail cleanly instead of overflowing.
+    CaptureStderr();
+    EXPECT_EQ(quovix_array_double_2D_new(LONG_MAX / 4, 1), nullptr);
+    EXPECT_EQ(quovix_atom_new(LONG_MAX / 8), nullptr);
+    EXPECT_EQ(quovix_cell_new(LONG_MAX), nullptr);
+    EXPECT_EQ(GetCapturedStderr(),
+              "Error: unable to allocate QUOVIX_ARRAY_2D.\n"
+              "Error: unable to allocate QUOVIX_ATOM.\n"
+              "Error: unable to allocate QUOVIX_CELL->QUOVIX_ATOM.\n");
+
+    bool *flags = quovix_array_bool_1D_new(5);
+    ASSERT_NE(flags, nullptr);
+    EXPECT_FALSE(flags[4]);
+    quovix_array_bool_1D_free(flags);
+}
+
+TEST(Arrays, PrintFormats) {
+    double **m = quovix_array_double_2D_new(2, 2);
+    ASSERT_NE(m, nullptr);
+    m[0][1] = 1.23456;
+    m[1][0] = -2.0;
+    char ***s = quovix_array_char_3D_new(3, 2, 4);
+    ASSERT_NE(s, nullptr);
+    std::strcpy(s[0][0], "ab");
+    std::strcpy(s[0][1], "c");
+    std::free(s[1][1]);
+    s[1][1] = nullptr;
+    quovix_array_char_2D_free(s[2], 2);
+    s[2] = nullptr;
+    CaptureStdout();
+    quovix_array_double_2D_print(m, 2, 2);
+    quovix_array_double_1D_print(nullptr, 3);
+    quovix_array_char_3D_print(s, 3, 2);
+    quovix_array_char_2D_print(s[0], 2);
+    EXPECT_EQ(GetCapturedStdout(),
+              " 0.000 1.235\n"
+              " -2.000 0.000\n"
+              "(not allocated)\n"
+              "|ab||c|\n"
+              "|||(not allocated)|\n"  // an empty string, then a null one
+              "(not allocated)\n"
+              "ab\nc\n");
+    quovix_array_double_2D_free(m, 2);
+    quovix_array_char_3D_free(s, 3, 2);
+}
