@@ -71,6 +71,20 @@ QUOVIX_CELL *quovix_cell_reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *
 int quovix_cell_flag_site_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
 bool quovix_cell_validate_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
                                       double tolerance);
+/// Largest atom array built from input (symmetry expansion, supercells): about 120 MB of
+/// atoms; larger requests fail with a message instead of exhausting memory.
+inline constexpr long QUOVIX_MAX_ATOMS = 1000000;
+// Reference versions of the partner searches and of the sort: plain all-pairs scans with
+// the same tolerances and the same first-come order as the shipped (binned) versions, which
+// must give identical results. Used by the tests and the benchmarks.
+int quovix_atom_remove_duplicate_plain(QUOVIX_ATOM **atom, long *total);
+void quovix_atom_sort_plain(QUOVIX_ATOM *atom, long total);
+QUOVIX_CELL *quovix_cell_reduce_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
+int quovix_cell_flag_site_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
+bool quovix_cell_validate_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
+                                            double tolerance);
+QUOVIX_SYMMETRY *quovix_symmetry_calculate_from_cell_plain(QUOVIX_CELL *cell, double tolerance,
+                                                           const char *dir_symcards);
 
 // ======================================================================
 // Cell operations and CIF writer (quovix-import-cell.cpp)

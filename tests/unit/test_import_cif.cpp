@@ -1,0 +1,514 @@
+// CIF reader: single values, loop blocks, the atom-site readers, mixed valence, default
+// oxidation states, the whole reading sequence and its failure chains.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "import_test_helpers.hpp"
+
+using namespace test_import;
+
+namespace {
+
+std::string grep(const std::string &text, const char *key) {
+    Rows rows(text);
+    char *v = quovix_cell_import_cif_grep_keyword(key, rows.rows(), rows.count());
+    std::string out = v ? std::string("[") + v + "]" : "NULL";
+    std::free(v);
+    return out;
+}
+
+struct Loop {
+    char ***cells = nullptr;
+    long rows = 0, cols = 0;
+    int status = 1;
+    Captured log;
+    ~Loop() { quovix_array_char_3D_free(cells, rows, cols); }
+    std::string at(long i, long j) const { return cells[i][j] ? cells[i][j] : "NULL"; }
+};
+
+void grep_loop(Loop &l, const std::string &text, const char *key) {
+    Rows rows(text);
+    l.log = capture([&] {
+        l.status = quovix_cell_import_cif_grep_loop(&l.cells, &l.rows, &l.cols, key, rows.rows(), rows.count());
+    });
+}
+
+// A small valid CIF whose pieces the failure tests replace.
+struct CifParts {
+    std::string lattice =
+        "_cell_length_a 4.0\n_cell_length_b 4.0\n_cell_length_c 4.0\n"
+        "_cell_angle_alpha 90\n_cell_angle_beta 90\n_cell_angle_gamma 90\n_cell_formula_units_Z 1\n";
+    std::string symmetry = "loop_\n_symmetry_equiv_pos_as_xyz\n'x, y, z'\n'-x, -y, -z'\n\n";
+    std::string sites =
+        "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_y\n"
+        "_atom_site_fract_z\n_atom_site_occupancy\nLi1 Li+ 0.25 0.25 0.25 1.0\nO1 O2- 0 0 0 1\n";
+    std::string text() const { return "data_test\n" + lattice + symmetry + sites; }
+};
+
+const char kChainTail[] = "Error: quovix_cell_import_cif_from_text() returns NULL.\n";
+
+}  // namespace
+
+// ------------------------------------------------------------------ single values
+
+TEST(GrepKeyword, QuotesTokensAndSemicolonFields) {
+    EXPECT_EQ(grep("_cell_length_a   5.64(2) \r\n", "_cell_length_a"), "[5.64(2)]");
+    EXPECT_EQ(grep("_name 'Sodium chloride'\n", "_name"), "[Sodium chloride]");
+    EXPECT_EQ(grep("_name ''\n", "_name"), "[]");
+    EXPECT_EQ(grep("_name 'it's odd'\n", "_name"), "[it's odd]");       // first to last quote
+    EXPECT_EQ(grep("_name \"a b\"\n", "_name"), "[\"a]");                  // no double quotes
+    EXPECT_EQ(grep("_name it's\n", "_name"), "[it's]");                  // one quote: token rule
+    EXPECT_EQ(grep("_name   \r\n", "_name"), "NULL");
+    EXPECT_EQ(grep("_other 1\n", "_name"), "NULL");
+    // Substring match: the first row containing the key, wherever the key sits.
+    EXPECT_EQ(grep("x_cell_length_ab 7\n_cell_length_a 5\n", "_cell_length_a"), "[b]");
+    EXPECT_EQ(grep("_title\n;\r\nfirst row\r\nsecond\r\n;\r\n_x 1\n", "_title"), "[first rowsecond]");
+    EXPECT_EQ(grep("_title\n;opening text is dropped\nbody\n;\n", "_title"), "[body]");
+    EXPECT_EQ(grep("_title\n;\nno closing row\n_x 1\n", "_title"), "NULL");
+    // A key in one of the last two rows never reads a text field.
+    EXPECT_EQ(grep("_title 'v'\n;", "_title"), "[v]");
+    EXPECT_EQ(grep("_title 'v'\n;\n", "_title"), "NULL");  // three rows: an unclosed text field
+    Rows none("");
+    EXPECT_EQ(quovix_cell_import_cif_exist_keyword("_x", none.rows(), none.count()), 0);
+    Rows some("a\n b_xy\n");
+    EXPECT_EQ(quovix_cell_import_cif_exist_keyword("_x", some.rows(), some.count()), 1);
+}
+
+// ------------------------------------------------------------------ loop blocks
+
+TEST(GrepLoop, BlocksEndWhereTheRulesSay) {
+    {
+        Loop l;  // last block of the text, no blank row after it
+        grep_loop(l, "loop_\n_a\n_b\n1 2\n3 4", "_b");
+        ASSERT_EQ(l.status, 0);
+        EXPECT_EQ(l.rows, 3);
+        EXPECT_EQ(l.cols, 2);
+        EXPECT_EQ(l.at(0, 0), "_a");
+        EXPECT_EQ(l.at(2, 1), "4");
+    }
+    {
+        Loop l;  // a comment row ends the block; rows after it are not records
+        grep_loop(l, "loop_\n _a\n1\n# note\n2\n", "_a");
+        ASSERT_EQ(l.status, 0);
+        EXPECT_EQ(l.rows, 2);
+    }
+    {
+        Loop l;  // consecutive loops; a '_' row after data ends the block
+        grep_loop(l, "loop_\n_x\n1\nloop_\n_y\n_z\n'a b' c d\n_w 5\n", "_z");
+        ASSERT_EQ(l.status, 0);
+        EXPECT_EQ(l.rows, 2);
+        EXPECT_EQ(l.at(1, 0), "a b");
+        EXPECT_EQ(l.at(1, 1), "c");  // the extra token "d" is dropped
+    }
+    {
+        Loop l;  // short records leave null cells; quotes end tokens whatever follows
+        grep_loop(l, "loop_\n_a\n_b\n_c\n'x'y\n\n", "_c");
+        ASSERT_EQ(l.status, 0);
+        EXPECT_EQ(l.at(1, 0), "x");
+        EXPECT_EQ(l.at(1, 1), "y");
+        EXPECT_EQ(l.at(1, 2), "NULL");
+    }
+}
+
+TEST(GrepLoop, MissingBlocksAndOpenQuotes) {
+    Loop a;
+    grep_loop(a, "loop_\n_a\n1\n", "_b");
+    EXPECT_EQ(a.status, 1);
+    EXPECT_EQ(a.log.out, "Warning: _loop block containing _b not found.\n");
+    Loop b;  // the wanted block has no data row
+    grep_loop(b, "loop_\n_b\n\n", "_b");
+    EXPECT_EQ(b.status, 1);
+    EXPECT_EQ(b.log.out, "Warning: _loop block containing _b not found.\n");
+    Loop c;
+    grep_loop(c, "loop_\n_b\n'ok'\n'open\n", "_b");
+    EXPECT_EQ(c.status, 1);
+    EXPECT_EQ(c.log.err, "Error: open single quotation mark detected at row 2.\n");
+    Loop d;  // a CR before the closing quote leaves it open
+    grep_loop(d, "loop_\n_b\n'x\r'\n", "_b");
+    EXPECT_EQ(d.status, 1);
+    EXPECT_EQ(d.log.err, "Error: open single quotation mark detected at row 1.\n");
+}
+
+// ------------------------------------------------------------------ atom-site readers
+
+TEST(ReadAtom, TypesAndOxidationStatesFromSymbols) {
+    Loop l;
+    grep_loop(l, "loop_\n_atom_site_label\n_atom_site_type_symbol\nA Fe3+\nB O2-\nC O-2\nD Li+\nE Fe2.5+\n", "_atom_site_label");
+    ASSERT_EQ(l.status, 0);
+    QUOVIX_ATOM atom[5] = {};
+    ASSERT_EQ(quovix_cell_import_cif_read_atom_name(atom, l.cells, l.rows, l.cols), 0);
+    ASSERT_EQ(quovix_cell_import_cif_read_atom_type(atom, l.cells, l.rows, l.cols), 0);
+    const char *type[] = {"Fe", "O", "O", "Li", "Fe"};
+    const double value[] = {3, -2, 2, 99, 2.5};  // O-2 reads +2: the sign must follow the digits
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_STREQ(atom[i].type, type[i]) << i;
+        EXPECT_EQ(atom[i].value, value[i]) << i;
+    }
+    Loop bad;
+    grep_loop(bad, "loop_\n_atom_site_label\n_atom_site_type_symbol\nA 2+\n", "_atom_site_label");
+    QUOVIX_ATOM one[1] = {};
+    Captured c = capture([&] { EXPECT_EQ(quovix_cell_import_cif_read_atom_type(one, bad.cells, bad.rows, bad.cols), 1); });
+    EXPECT_EQ(c.err, "Error: invalid field content 2+.\n");
+}
+
+TEST(ReadAtom, ElementSymbolsFromLabels) {
+    QUOVIX_ATOM atom[4] = {};
+    std::strcpy(atom[0].name, "Oa1");
+    std::strcpy(atom[1].name, "LI1");
+    std::strcpy(atom[2].name, "1Na");
+    std::strcpy(atom[3].name, "X");
+    std::strcpy(atom[3].type, "Cu");  // already typed: left alone
+    ASSERT_EQ(quovix_atom_name_to_type(atom, 4), 0);
+    EXPECT_STREQ(atom[0].type, "Oa");
+    EXPECT_STREQ(atom[1].type, "LI");
+    EXPECT_STREQ(atom[2].type, "Na");
+    EXPECT_STREQ(atom[3].type, "Cu");
+    QUOVIX_ATOM digits[1] = {};
+    std::strcpy(digits[0].name, "123");
+    Captured c = capture([&] { EXPECT_EQ(quovix_atom_name_to_type(digits, 1), 1); });
+    EXPECT_EQ(c.err, "Error: unable to read atom.type from atom.name.\n");
+}
+
+TEST(ReadAtom, OxidationStatesFromTheTypeLoopNeedExactSymbols) {
+    Loop site, type;
+    grep_loop(site, "loop_\n_atom_site_label\n_atom_site_type_symbol\nA Cu2+\nB O2-\n", "_atom_site_label");
+    grep_loop(type, "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\nCu2+ 2.332\nO2- ?\n", "_atom_type_symbol");
+    QUOVIX_ATOM atom[2] = {};
+    quovix_cell_import_cif_read_atom_name(atom, site.cells, site.rows, site.cols);
+    ASSERT_EQ(quovix_cell_import_cif_read_atom_typeos(atom, site.cells, site.rows, site.cols, type.cells,
+                                                      type.rows, type.cols), 0);
+    EXPECT_EQ(atom[0].value, 2.332);
+    EXPECT_EQ(atom[1].value, 99.0);  // "?" is not a number: unknown
+    Loop other;
+    grep_loop(other, "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\ncu2+ 2\nO2- -2\n", "_atom_type_symbol");
+    Captured c = capture([&] {
+        EXPECT_EQ(quovix_cell_import_cif_read_atom_typeos(atom, site.cells, site.rows, site.cols, other.cells,
+                                                          other.rows, other.cols), 1);
+    });
+    EXPECT_EQ(c.err, "Error: invalid field.\n");
+}
+
+TEST(ReadAtom, CoordinatesAreWrappedAndOccupancyIsCompulsory) {
+    Loop l;
+    grep_loop(l, "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
+                 "_atom_site_occupancy\nA 0.25(3) -0.25 1.0 .5(1)\nB -0.0 2.75 -1e-17 1\n", "_atom_site_label");
+    QUOVIX_ATOM atom[2] = {};
+    ASSERT_EQ(quovix_cell_import_cif_read_atom(atom, l.cells, l.rows, l.cols), 0);
+    EXPECT_EQ(atom[0].x_f[0], 0.25);
+    EXPECT_EQ(atom[0].x_f[1], 0.75);
+    EXPECT_EQ(atom[0].x_f[2], 0.0);
+    EXPECT_EQ(atom[0].occ, 0.5);
+    EXPECT_FALSE(std::signbit(atom[1].x_f[0]));
+    EXPECT_EQ(atom[1].x_f[1], 0.75);
+    EXPECT_EQ(atom[1].x_f[2], 0.0);
+
+    Loop noocc;
+    grep_loop(noocc, "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\nA 0 0 0\n", "_atom_site_label");
+    Captured c = capture([&] { EXPECT_EQ(quovix_cell_import_cif_read_atom(atom, noocc.cells, noocc.rows, noocc.cols), 1); });
+    EXPECT_EQ(c.err, "Error: invalid keywords.\n");
+    const char *bad[] = {"A ? 0 0 1\n", "A 0 nan 0 1\n", "A 0 0 x 1\n", "A 0 0 0 inf\n"};
+    const char *msg[] = {"x", "y", "z", nullptr};
+    for (int k = 0; k < 4; ++k) {
+        Loop b;
+        grep_loop(b, std::string("loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
+                                 "_atom_site_occupancy\n") + bad[k], "_atom_site_label");
+        c = capture([&] { EXPECT_EQ(quovix_cell_import_cif_read_atom(atom, b.cells, b.rows, b.cols), 1); });
+        EXPECT_EQ(c.err, msg[k] ? std::string("Error: unable to read fractional ") + msg[k] + ".\n"
+                                : std::string("Error: unable to read occupancy.\n"));
+    }
+}
+
+TEST(ReadAtom, ConstraintFlags) {
+    Loop l;
+    grep_loop(l, "loop_\n_atom_site_label\n_atom_site_quovix_fixed\nA true\nB F\nC T\n", "_atom_site_label");
+    QUOVIX_ATOM atom[3] = {};
+    atom[1].ignored = true;
+    ASSERT_EQ(quovix_cell_import_cif_read_atom_constraint(atom, l.cells, l.rows, l.cols), 0);
+    EXPECT_TRUE(atom[0].ignored);
+    EXPECT_FALSE(atom[1].ignored);
+    EXPECT_TRUE(atom[2].ignored);
+    Loop none;
+    grep_loop(none, "loop_\n_atom_site_label\nA\n", "_atom_site_label");
+    Captured c = capture([&] { EXPECT_EQ(quovix_cell_import_cif_read_atom_constraint(atom, none.cells, none.rows, none.cols), 1); });
+    EXPECT_EQ(c.err, "Error: unable to find keyword '_atom_site_quovix_fixed'.\n");
+}
+
+// ------------------------------------------------------------------ oxidation states
+
+TEST(ForkOs, MixedValenceSplitsAndRounding) {
+    QUOVIX_ATOM *atom = quovix_atom_new(4);
+    long total = 4;
+    const double value[] = {2.5, 2.05, 99.0, -1.5};
+    for (int i = 0; i < 4; ++i) {
+        atom[i].value = value[i];
+        atom[i].occ = 1.0;
+        std::strcpy(atom[i].type, "Fe");
+    }
+    ASSERT_EQ(quovix_atom_fork_os(&atom, &total), 0);
+    ASSERT_EQ(total, 6);
+    EXPECT_EQ(atom[0].os, 3);
+    EXPECT_DOUBLE_EQ(atom[0].occ, 0.5);
+    EXPECT_EQ(atom[4].os, 2);  // the copy of the first atom, appended
+    EXPECT_DOUBLE_EQ(atom[4].occ, 0.5);
+    EXPECT_EQ(atom[1].os, 2);
+    EXPECT_EQ(atom[2].os, 99);
+    EXPECT_EQ(atom[3].os, -1);
+    EXPECT_EQ(atom[5].os, -2);
+    for (long i = 0; i < total; ++i) EXPECT_EQ(atom[i].value, 0.0);
+    quovix_atom_free(atom);
+}
+
+TEST(DefaultOs, FirstRowOfTheElementTable) {
+    const std::string table = write_temp("unitary.dat",
+                                         "free text Li 9 9 9\nDATA_START\n3 Li 1 1 6.9\n8 O -2 -2 16\n"
+                                         "bad row\n3 Li 2 7 6.9\n26 Fe 2 3\nDATA_END\n29 Cu 1 1\n");
+    QUOVIX_ATOM atom[4] = {};
+    const char *type[] = {"Li", "Fe", "Cu", "O"};
+    for (int i = 0; i < 4; ++i) {
+        std::strcpy(atom[i].type, type[i]);
+        atom[i].os = 99;
+    }
+    atom[3].os = -1;  // known states are kept
+    ASSERT_EQ(quovix_atom_update_default_os(atom, 4, table.c_str()), 0);
+    EXPECT_EQ(atom[0].os, 1);
+    EXPECT_EQ(atom[1].os, 3);
+    EXPECT_EQ(atom[2].os, 99);  // after DATA_END: not in the table
+    EXPECT_EQ(atom[3].os, -1);
+    const std::string none = testing::TempDir() + "no_unitary.dat";
+    Captured c = capture([&] { EXPECT_EQ(quovix_atom_update_default_os(atom, 4, none.c_str()), 1); });
+    EXPECT_EQ(c.err, "Error: unable to open " + none + "\n");
+}
+
+// ------------------------------------------------------------------ reading sequence
+
+TEST(ReadCif, SmallStructureWithItsMessages) {
+    CifParts p;
+    Loaded l = load_text(p.text());
+    ASSERT_EQ(l.status, 0) << l.log.err;
+    EXPECT_EQ(l.log.err, "");
+    const std::string text = p.text();
+    EXPECT_EQ(l.log.out,
+              "Message: reading cif file...\n"
+              "Message: total lines in the cif: " + std::to_string(std::count(text.begin(), text.end(), '\n') + 1) + "\n"
+              "Message: determining symmetry from "
+              "_symmetry_equiv_pos_as_xyz/_space_group_symop_operation_xyz ...\n"
+              "Message: calculated cell volume = 64.000000\n");
+    ASSERT_EQ(l.cell->total, 3);  // Li at +-1/4 and O at the origin
+    EXPECT_STREQ(l.cell->name, "Li1+:2.000 O2-:1.000 ");
+    EXPECT_STREQ(l.cell->atom[0].name, "Li1");
+    EXPECT_EQ(l.cell->atom[1].x_f[0], 0.75);
+    EXPECT_EQ(l.cell->Z, 1);
+    EXPECT_DOUBLE_EQ(l.cell->atom[1].x[2], 3.0);
+    EXPECT_EQ(l.sym->total, 2);
+}
+
+TEST(ReadCif, TypesFromLabelsAndStatesFromTheElementTable) {
+    CifParts p;
+    p.lattice.erase(p.lattice.find("_cell_formula_units_Z"));
+    p.sites = "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
+              "_atom_site_occupancy\nLi1 0.25 0.25 0.25 1\nO1 0 0 0 1\nXx2 0.5 0.5 0.5 1\n";
+    Loaded l = load_text(p.text());
+    ASSERT_EQ(l.status, 0) << l.log.err;
+    EXPECT_NE(l.log.out.find("Message: unable to find keyword '_atom_site_type_symbol'.\n"), std::string::npos);
+    EXPECT_NE(l.log.out.find("Warning: _cell_formula_units_Z is not available. \n"), std::string::npos);
+    EXPECT_STREQ(l.cell->name, "Li1+:2.000 O2-:1.000 Xx99+:1.000 ");  // Xx is no element
+}
+
+TEST(ReadCif, MixedValenceAndLongLabels) {
+    CifParts p;
+    p.sites = "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\nFe2.5+ 2.5\nO2- -2\n\n"
+              "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_y\n"
+              "_atom_site_fract_z\n_atom_site_occupancy\n'Fe long label' Fe2.5+ 0.5 0.5 0.5 1\nO1 O2- 0 0 0 1\n";
+    Loaded l = load_text(p.text());
+    ASSERT_EQ(l.status, 0) << l.log.err;
+    EXPECT_STREQ(l.cell->name, "Fe2+:0.500 Fe3+:0.500 O2-:1.000 ");
+    EXPECT_STREQ(l.cell->atom[0].name, "Fe long lab");  // cut to 11 characters
+}
+
+// Each malformed input fails with one clean chain, no output cell and (under the sanitizer
+// build) no leak.
+TEST(ReadCif, MalformedInputGivesTheErrorChain) {
+    struct Case {
+        const char *what;
+        std::string text;
+        std::string err;
+    };
+    std::vector<Case> cases;
+    const auto add = [&](const char *what, std::string text, std::string err) {
+        cases.push_back({what, std::move(text), std::move(err) + kChainTail});
+    };
+    CifParts p;
+    {
+        CifParts q = p;
+        q.sites = "";
+        add("no atom loop", q.text(), "Error: unable to find compulsory keyword '_atom_site_label' in cif file.\n");
+    }
+    {
+        CifParts q = p;
+        q.symmetry = "";
+        add("no symmetry", q.text(), "Error: quovix_symmetry_import_from_array_char_2D() returns NULL.\n");
+    }
+    {
+        CifParts q = p;
+        q.sites.replace(q.sites.find("_atom_site_occupancy\n"), 21, "");
+        add("no occupancy column", q.text(),
+            "Error: invalid keywords.\nError: quovix_cell_import_cif_read_atom() returns non-zero.\n");
+    }
+    for (const char *v : {"0", "-4.0"}) {
+        CifParts q = p;
+        q.lattice.replace(q.lattice.find("4.0"), 3, v);
+        add("bad length", q.text(),
+            std::string("Error: invalid lattice: _cell_length_a = ") + (v[0] == '0' ? "0.000000" : "-4.000000") +
+                " must be positive.\nError: quovix_cell_import_cif_read_lattice() returns non-zero.\n");
+    }
+    {
+        CifParts q = p;
+        q.lattice.replace(q.lattice.find("4.0"), 3, "nan");
+        add("NaN length", q.text(),
+            "Error: unable to read _cell_length_a from 'nan'.\n"
+            "Error: quovix_cell_import_cif_read_lattice() returns non-zero.\n");
+    }
+    {
+        CifParts q = p;
+        q.lattice.replace(q.lattice.find("_cell_angle_alpha 90"), 20, "_cell_angle_alpha 170");
+        q.lattice.replace(q.lattice.find("_cell_angle_beta 90"), 19, "_cell_angle_beta 10");
+        add("flat cell", q.text(),
+            "Error: invalid lattice: angles 170.000000 10.000000 90.000000 give no volume.\n"
+            "Error: quovix_cell_import_cif_read_lattice() returns non-zero.\n");
+    }
+    {
+        CifParts q = p;
+        q.lattice.erase(q.lattice.find("_cell_length_c"), 18);
+        add("missing length", q.text(),
+            "Error: quovix_cell_import_cif_grep_keyword() returns NULL.\n"
+            "Error: quovix_cell_import_cif_read_lattice() returns non-zero.\n");
+    }
+    {
+        CifParts q = p;
+        q.sites.replace(q.sites.find("Li1 Li+"), 7, "'Li1 Li+");
+        add("open quote", q.text(),
+            "Error: open single quotation mark detected at row 1.\n"
+            "Error: unable to find compulsory keyword '_atom_site_label' in cif file.\n");
+    }
+    {
+        CifParts q = p;
+        q.sites.replace(q.sites.find("O1 O2-"), 6, "O1 ?");
+        add("symbol without letters", q.text(),
+            "Error: invalid field content ?.\nError: quovix_cell_import_cif_read_atom_type() returns non-zero.\n");
+    }
+    {
+        CifParts q = p;
+        q.sites = "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
+                  "_atom_site_occupancy\nLi1 0.25 0.25 0.25 1\n99 0 0 0 1\n";
+        add("label without letters", q.text(),
+            "Error: unable to read atom.type from atom.name.\nError: quovix_atom_name_to_typeos() returns non-zero.\n");
+    }
+    {
+        CifParts q = p;
+        q.symmetry = "_symmetry_space_group_name_H-M 'F m -3 m'\n";
+        std::string many = "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_y\n"
+                           "_atom_site_fract_z\n_atom_site_occupancy\n";
+        for (int i = 0; i < 6000; ++i) many += "Li1 Li+ 0.1 0.2 0.3 1\n";
+        q.sites = many;
+        add("huge expansion", q.text(),
+            "Error: 6000 atoms times 192 operations exceed the limit of 1000000 atoms.\n"
+            "Error: quovix_atom_spawn_by_symmetry() returns non-zero.\n");
+    }
+    static const char junk[] = "\x7f" "ELF\x01\x02\x03\xff\xfe loop_ \x80\x81\n\x90_atom";
+    add("binary junk", std::string(junk, sizeof junk - 1),
+        "Error: quovix_symmetry_import_from_array_char_2D() returns NULL.\n");
+    {
+        const std::string t = p.text();
+        add("truncated", t.substr(0, t.find("O1 O2-") + 4),
+            "Error: unable to read occupancy.\nError: quovix_cell_import_cif_read_atom() returns non-zero.\n");
+    }
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        Loaded l = load_text(c.text);
+        EXPECT_EQ(l.status, 1);
+        EXPECT_FALSE(l.cell);
+        EXPECT_FALSE(l.sym);
+        // The reader's own chain; load_text calls _from_text directly, so add the file-level line.
+        EXPECT_EQ(l.log.err + kChainTail, c.err);
+    }
+}
+
+TEST(ReadCif, FileLevelFailures) {
+    const std::string empty = write_temp("empty.cif", "");
+    Loaded l = load(empty);
+    EXPECT_EQ(l.status, 1);
+    EXPECT_EQ(l.log.err, "Error: failed to read content of " + empty +
+                             "\nError: quovix_text_import_from_file() returns NULL.\n");
+    const std::string missing = testing::TempDir() + "missing.cif";
+    l = load(missing);
+    EXPECT_EQ(l.log.err, "Error: unable to open " + missing +
+                             "\nError: quovix_text_import_from_file() returns NULL.\n");
+    // A structure that needs the settings file when it is not there.
+    QUOVIX_CELL *c = nullptr;
+    QUOVIX_SYMMETRY *s = nullptr;
+    const std::string nosettings = testing::TempDir() + "none_symcards.dat";
+    Captured log = capture([&] {
+        EXPECT_EQ(quovix_cell_import_cif_from_file(&c, &s, data_file("CuCrP2Se6_HM_only.cif").c_str(),
+                                                   nosettings.c_str(), unitary().c_str()), 1);
+    });
+    EXPECT_EQ(log.err, "Error: unable to open " + nosettings +
+                           "\nquovix_symmetry_import_by_keyword_HM() returns NULL.\n"
+                           "Error: quovix_symmetry_import_from_array_char_2D() returns NULL.\n"
+                           "Error: quovix_cell_import_cif_from_text() returns NULL.\n");
+    EXPECT_EQ(c, nullptr);
+    EXPECT_EQ(s, nullptr);
+}
+
+TEST(ReadCif, SeriesOfFilesByPrefix) {
+    CifParts p;
+    const std::string prefix = testing::TempDir() + "series";
+    for (int i = 0; i < 2; ++i) {
+        std::ofstream(prefix + "." + std::to_string(i) + ".cif", std::ios::binary) << p.text();
+    }
+    QUOVIX_CELL **cells = nullptr;
+    capture([&] { cells = quovix_cells_import_cif_from_file(prefix.c_str(), 2, symcards().c_str(), unitary().c_str()); });
+    ASSERT_NE(cells, nullptr);
+    EXPECT_EQ(cells[1]->total, 3);
+    for (int i = 0; i < 2; ++i) quovix_cell_free(cells[i]);
+    std::free(cells);
+    Captured c = capture([&] { EXPECT_EQ(quovix_cells_import_cif_from_file(prefix.c_str(), 3, symcards().c_str(), unitary().c_str()), nullptr); });
+    EXPECT_NE(c.err.find("Error: quovix_cell_import_cif_from_file() returns non-zero.\n"), std::string::npos);
+    c = capture([&] { EXPECT_EQ(quovix_cells_import_cif_from_file(prefix.c_str(), 0, nullptr, nullptr), nullptr); });
+    EXPECT_EQ(c.err, "Error: number of cells must be larger than zero.\n");
+}
+
+// Every shared structure is read without a crash or a leak; those without an occupancy
+// column fail on purpose (a missing _atom_site_occupancy is an error, not occupancy 1).
+TEST(ReadCif, EveryRealStructure) {
+    const std::vector<std::string> no_occupancy = {"Al2O3_corundum.cif", "BaF2_fluorite.cif",
+                                                   "Berborite_number_only.cif", "Cu17S9_digenite_rhombohedral.cif",
+                                                   "FAU_faujasite_SiO2.cif", "KCl_rocksalt.cif", "SrTiO3_perovskite.cif"};
+    std::ifstream manifest(data_file("MANIFEST.tsv"));
+    std::string line;
+    std::getline(manifest, line);
+    int read = 0;
+    while (std::getline(manifest, line)) {
+        const std::string file = line.substr(0, line.find('\t'));
+        if (file.size() < 5 || file.substr(file.size() - 4) != ".cif") continue;
+        SCOPED_TRACE(file);
+        Loaded l = load(data_file(file));
+        const bool expect_fail = std::find(no_occupancy.begin(), no_occupancy.end(), file) != no_occupancy.end();
+        if (expect_fail) {
+            EXPECT_EQ(l.log.err, "Error: invalid keywords.\nError: quovix_cell_import_cif_read_atom() returns non-zero.\n"
+                                 "Error: quovix_cell_import_cif_from_text() returns NULL.\n");
+            continue;
+        }
+        ASSERT_EQ(l.status, 0) << l.log.err;
+        ++read;
+        EXPECT_GT(quovix_cell_calculate_volume(l.cell.get()), 1.0);
+        for (long i = 0; i < l.cell->total; ++i) {
+            for (double v : l.cell->atom[i].x_f) EXPECT_TRUE(v >= 0.0 && v < 1.0);
+        }
+    }
+    EXPECT_GE(read, 20);
+}
