@@ -24,6 +24,10 @@ QUOVIX_BV *quovix_bv_calculate_from_cell_with_type(QUOVIX_CELL *cell, QUOVIX_SYM
 QUOVIX_BV *quovix_bv_calculate_from_flagged_cell(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt);
 QUOVIX_BV *quovix_bv_calculate_from_flagged_cell_at_default_cutoff(QUOVIX_CELL *cell,
                                                                    QUOVIX_PROPERTY *ppt);
+/// The sums of quovix_bv_calculate_from_flagged_cell by the plain loop over every lattice image
+/// on one thread (reference of the shipped sum).
+QUOVIX_BV *quovix_bv_calculate_from_flagged_cell_reference(QUOVIX_CELL *cell,
+                                                           QUOVIX_PROPERTY *ppt);
 int quovix_bv_validate_property(QUOVIX_PROPERTY *ppt);
 
 double quovix_gii_calculate_from_bv(QUOVIX_BV *bv);

@@ -1,0 +1,319 @@
+// Command handlers of the bond-valence model: parameter tables, charges, bond valence sums,
+// GII and total energy.
+#include <cmath>
+#include <cstdio>
+
+#include "quovix-bv.hpp"
+#include "quovix-cmd.hpp"
+#include "quovix-import.hpp"
+#include "quovix-rx.hpp"
+
+namespace {
+
+// Reads a CIF into owned cell and symmetry; prints the failure line.
+[[nodiscard]] bool read_cif(const QUOVIX_CMD_OPT *opt, const char *path, quovix_cell_ptr &cell,
+                            quovix_symmetry_ptr &sym) {
+    QUOVIX_CELL *c = nullptr;
+    QUOVIX_SYMMETRY *s = nullptr;
+    const int status =
+        quovix_cell_import_cif_from_file(&c, &s, path, opt->dir_symcards, opt->dir_unitary);
+    cell.reset(c);
+    sym.reset(s);
+    if (status != 0) {
+        std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
+        return false;
+    }
+    return true;
+}
+
+void print_cal_bv_usage() {
+    std::printf("Command: --cal-bv [intput.cif]\n");
+    std::printf("Command: calculates and prints all bond valence sums for each ion.\n");
+    std::printf("Example: ./quovix.x --cal-bv Li2O.cif\n");
+}
+
+// Element symbol argument read with "%2s".
+[[nodiscard]] bool read_type(const quovix_args &args, std::size_t i, char type[QUOVIX_TYPE_LEN]) {
+    return args.has(i) && std::sscanf(args.c_str(i), "%2s", type) == 1;
+}
+
+}  // namespace
+
+/// --print-ppt [input.cif] | {screening factor}: builds the parameter set (sf fitted unless
+/// given), its embedding parameters, and prints the formatted tables.
+void quovix_cmd_opt_do_print_ppt(QUOVIX_CMD_OPT *opt) {
+    const quovix_args args(opt);
+    if (args.count() < 1) {
+        std::printf("Command: --print-ppt [input.cif] | {screening factor}.\n\n");
+        std::printf("Command: {screening factor}: a double in (0, 1)\n");
+        std::printf("Example: ./quovix.x --print-ppt Li2O.cif\n");
+        std::printf("         will trigger automatic calculation of screening factor.\n");
+        std::printf("Example: ./quovix.x --print-ppt Li2O.cif 0.72.\n");
+        std::printf("         will use provided screening factor 0.72.\n");
+        return;
+    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    sym.reset();
+    double sf = -1.0;
+    if (args.has(1) && !args.read_double(1, sf)) {
+        std::fputs("Error: wrong parameter sf.\n", stderr);
+        return;
+    }
+    quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, sf,
+                                                             opt->dir_unitary, opt->dir_binary)};
+    if (!ppt) {
+        std::fputs("Error: quovix_property_import_from_cell() returns NULL.\n", stderr);
+        return;
+    }
+    if (quovix_property_calculate_unitary_eam_parameter(ppt.get()) != 0) {
+        std::fputs("Error: quovix_property_calculate_unitary_eam_parameter() returns non-zero.\n",
+                   stderr);
+        return;
+    }
+    quovix_property_print_format(ppt.get());
+}
+
+/// --print-ppt-full [input.cif] | {screening factor} {conducting ion type} {conducting ion os}:
+/// raw dump of the parameter set. With the mobile species given, sf is always fitted.
+void quovix_cmd_opt_do_print_ppt_full(QUOVIX_CMD_OPT *opt) {
+    const quovix_args args(opt);
+    if (args.count() < 1) {
+        std::printf(
+            "Command: --print-ppt-full: [input.cif] | {screening factor} {conducting ion type} "
+            "{conducting ion os}.\n\n");
+        std::printf("Command: reserved for debugging purpose\n");
+        return;
+    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    sym.reset();
+    double sf = -1.0;
+    char type[QUOVIX_TYPE_LEN] = {};
+    const char *mobile = nullptr;
+    int os = 0;
+    if (args.count() >= 4) {
+        // In this form the screening-factor word is not read: sf stays automatic.
+        quovix_cmd_opt_get_type(type, args.c_str(2));
+        if (!args.read_int(3, os)) {
+            std::fputs("Error: wrong oxidation state.\n", stderr);
+            return;
+        }
+        mobile = type;
+    } else if (args.count() >= 2 && !args.read_double(1, sf)) {
+        std::fputs("Error: wrong parameter sf.\n", stderr);
+        return;
+    }
+    quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), mobile, os, sf,
+                                                             opt->dir_unitary, opt->dir_binary)};
+    if (!ppt) {
+        std::fputs("Error: quovix_property_import_from_cell() returns NULL.\n", stderr);
+        return;
+    }
+    quovix_property_print(ppt.get());
+}
+
+/// --cal-charge [intput.cif]: prints the formal charge of the cell, sum of os * occ.
+void quovix_cmd_opt_do_cal_charge(QUOVIX_CMD_OPT *opt) {
+    const quovix_args args(opt);
+    if (args.count() < 1) {
+        std::printf("Command: --cal-charge [intput.cif]\n");
+        std::printf("Command: calculates and prints the total charge of the cell.\n");
+        std::printf("Example: ./quovix.x --cal-charge Li2O.cif\n");
+        return;
+    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    double charge = 0.0;
+    for (long k = 0; k < cell->total; ++k) charge += cell->atom[k].os * cell->atom[k].occ;
+    std::printf("Total charge per unit cell: %.3f\n", charge);
+}
+
+/// --cal-bv [intput.cif]: bond valence sums of every inequivalent site and the GII.
+void quovix_cmd_opt_do_cal_bv(QUOVIX_CMD_OPT *opt) {
+    const quovix_args args(opt);
+    if (args.count() < 1) {
+        print_cal_bv_usage();
+        return;
+    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    quovix_bv_ptr bv{quovix_bv_calculate_from_cell(cell.get(), sym.get(), opt->dir_unitary,
+                                                   opt->dir_binary)};
+    if (!bv) {
+        std::fputs("Error: quovix_bv_calculate_from_cell() returns non-zero.\n", stderr);
+        return;
+    }
+    quovix_bv_print(bv.get());
+    quovix_gii_calculate_from_bv(bv.get());
+}
+
+/// --cal-bv-gui [input.cif]: the sums as the compact block of the graphical front end (no GII).
+/// Without a file it prints the --cal-bv usage.
+void quovix_cmd_opt_do_cal_bv_gui(QUOVIX_CMD_OPT *opt) {
+    const quovix_args args(opt);
+    if (args.count() < 1) {
+        print_cal_bv_usage();
+        return;
+    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    quovix_bv_ptr bv{quovix_bv_calculate_from_cell(cell.get(), sym.get(), opt->dir_unitary,
+                                                   opt->dir_binary)};
+    if (!bv) {
+        std::fputs("Error: quovix_bv_calculate_from_cell() returns non-zero.\n", stderr);
+        return;
+    }
+    quovix_bv_print_gui(bv.get());
+}
+
+/// --cal-bv-type [intput.cif] [type1] [os1] [type2] [os2]: sums restricted to one
+/// cation-anion species pair.
+void quovix_cmd_opt_do_cal_bv_type(QUOVIX_CMD_OPT *opt) {
+    const quovix_args args(opt);
+    if (args.count() < 5) {
+        std::printf("Command: --cal-bv-type [intput.cif] [type1] [os1] [type2] [os2]\n\n");
+        std::printf("Command: {type1}: type of the cation.\n");
+        std::printf("Command: {os1}: oxidation state of the cation.\n");
+        std::printf("Command: {type2}: type of the anion.\n");
+        std::printf("Command: {os2}: oxidation state of the anion.\n");
+        std::printf(
+            "Command: calculates and prints bond valence sums for the specified ion type pair.\n");
+        return;
+    }
+    char type1[QUOVIX_TYPE_LEN] = {}, type2[QUOVIX_TYPE_LEN] = {};
+    int os1 = 0, os2 = 0;
+    if (!read_type(args, 1, type1)) {
+        std::fputs("Error: wrong parameter type1.\n", stderr);
+        return;
+    }
+    if (!args.read_int(2, os1)) {
+        std::fputs("Error: wrong parameter os1.\n", stderr);
+        return;
+    }
+    if (!read_type(args, 3, type2)) {
+        std::fputs("Error: wrong parameter type2.\n", stderr);
+        return;
+    }
+    if (!args.read_int(4, os2)) {
+        std::fputs("Error: wrong parameter os2.\n", stderr);
+        return;
+    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    quovix_bv_ptr bv{quovix_bv_calculate_from_cell_with_type(
+        cell.get(), sym.get(), type1, os1, type2, os2, opt->dir_unitary, opt->dir_binary)};
+    if (!bv) {
+        std::fputs("Error: quovix_bv_calculate_from_cell_with_type() returns NULL.\n", stderr);
+        return;
+    }
+    quovix_bv_print(bv.get());
+}
+
+/// --cal-gii [input.cif]: global instability index with its verdict.
+void quovix_cmd_opt_do_cal_gii(QUOVIX_CMD_OPT *opt) {
+    const quovix_args args(opt);
+    if (args.count() < 1) {
+        std::printf("Command: --cal-gii [input.cif]\n\n");
+        std::printf(
+            "Command: calculates global instability index. The larger it is, the less stable this "
+            "structure is ESTIMATED to be.\n");
+        std::printf("Example: ./quovix.x --cal-gii Li2O.cif\n");
+        return;
+    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    if (quovix_gii_calculate_from_cell(cell.get(), sym.get(), opt->dir_unitary, opt->dir_binary) <
+        0.0) {
+        std::fputs("Error: quovix_gii_calculate_from_cell() returns negative value.\n", stderr);
+    }
+}
+
+/// --text-cal-bv -:text <CIF words>: --cal-bv on a CIF given as command-line words.
+void quovix_cmd_opt_do_text_cal_bv(QUOVIX_CMD_OPT *opt) {
+    if (opt == nullptr || opt->argc <= 2) {
+        std::fputs("Error: not enough arguments.\n", stderr);
+        return;
+    }
+    quovix_text_ptr text{quovix_cmd_opt_cat_tail(opt)};
+    if (!text) {
+        std::fputs("Error: quovix_cmd_opt_cat_tail() returns NULL.\n", stderr);
+        return;
+    }
+    QUOVIX_CELL *c = nullptr;
+    QUOVIX_SYMMETRY *s = nullptr;
+    const int status =
+        quovix_cell_import_cif_from_text(&c, &s, text.get(), opt->dir_symcards, opt->dir_unitary);
+    quovix_cell_ptr cell{c};
+    quovix_symmetry_ptr sym{s};
+    text.reset();
+    if (status != 0) {
+        std::fputs("Error: quovix_cell_import_cif_from_text() returns non-zero.\n", stderr);
+        return;
+    }
+    quovix_bv_ptr bv{quovix_bv_calculate_from_cell(cell.get(), sym.get(), opt->dir_unitary,
+                                                   opt->dir_binary)};
+    if (!bv) {
+        std::fputs("Error: quovix_bv_calculate_from_cell() returns non-zero.\n", stderr);
+        return;
+    }
+    quovix_bv_print(bv.get());
+    quovix_gii_calculate_from_bv(bv.get());
+}
+
+/// --cal-tot-en [input.cif] | {sf}: interatomic energy, embedding energy and their sum (eV).
+void quovix_cmd_opt_do_cal_tot_en(QUOVIX_CMD_OPT *opt) {
+    const quovix_args args(opt);
+    if (args.count() < 1) {
+        std::printf("Command: --cal-tot-en [input.cif] | {sf}\n\n");
+        std::printf("Example: ./quovix.x --cal-tot-en Li2O.cif\n");
+        return;
+    }
+    double sf = -0.1;  // fitted
+    if (args.has(1) && !args.read_double(1, sf)) {
+        std::fputs("Error: wrong parameter sf.\n", stderr);
+        return;
+    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    if (quovix_cell_flag_site_by_symmetry(cell.get(), sym.get()) != 0) {
+        std::fputs("Error: quovix_cell_flag_site_by_symmetry() returns non-zero.\n", stderr);
+        return;
+    }
+    quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, sf,
+                                                             opt->dir_unitary, opt->dir_binary)};
+    if (!ppt) {
+        std::fputs("Error: quovix_property_import_from_cell() returns NULL.\n", stderr);
+        return;
+    }
+    // Species without parameters leave charges or Morse terms that are not numbers; such a
+    // set gives no energy rather than "nan".
+    const double pair = quovix_cell_calculate_total_energy(cell.get(), ppt.get());
+    if (!std::isfinite(pair)) {
+        std::fputs("Error: quovix_cell_calculate_total_energy() returns a non-finite value.\n",
+                   stderr);
+        return;
+    }
+    if (pair != 0.0) std::printf("Message: interatomic energy = %lf eV\n", pair);
+    if (quovix_property_calculate_unitary_eam_parameter(ppt.get()) != 0) {
+        std::fputs("Error: quovix_property_calculate_unitary_eam_parameter() returns non-zero.\n",
+                   stderr);
+        return;
+    }
+    const double eam = quovix_cell_calculate_eam_energy(cell.get(), ppt.get());
+    if (!std::isfinite(eam)) {
+        std::fputs("Error: quovix_cell_calculate_eam_energy() returns a non-finite value.\n",
+                   stderr);
+        return;
+    }
+    if (eam != 0.0) std::printf("Message: eam energy = %lf eV\n", eam);
+    std::printf("Message: total energy = %lf eV\n", pair + eam);
+}

@@ -1,0 +1,361 @@
+// Tests of the bond valence sums, the GII and their printers.
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <cmath>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+
+#include "quovix-alloc.hpp"
+#include "quovix-bv.hpp"
+#include "quovix-import.hpp"
+
+namespace {
+
+const std::string kUnitary = std::string(QUOVIX_DATA_DIR) + "/database_unitary.dat";
+const std::string kBinary = std::string(QUOVIX_DATA_DIR) + "/database_binary.dat";
+const std::string kSymcards = std::string(QUOVIX_DATA_DIR) + "/database_symcards.dat";
+
+struct loaded {
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+};
+
+loaded read_cif(const std::string &name) {
+    const std::string path = std::string(QUOVIX_TEST_DATA_DIR) + "/" + name;
+    QUOVIX_CELL *cell = nullptr;
+    QUOVIX_SYMMETRY *sym = nullptr;
+    testing::internal::CaptureStdout();
+    const int status = quovix_cell_import_cif_from_file(&cell, &sym, path.c_str(),
+                                                        kSymcards.c_str(), kUnitary.c_str());
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(status, 0) << name;
+    return {quovix_cell_ptr{cell}, quovix_symmetry_ptr{sym}};
+}
+
+quovix_bv_ptr bv_of(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym) {
+    testing::internal::CaptureStdout();
+    quovix_bv_ptr bv{
+        quovix_bv_calculate_from_cell(cell, sym, kUnitary.c_str(), kBinary.c_str())};
+    testing::internal::GetCapturedStdout();
+    return bv;
+}
+
+QUOVIX_PROPERTY_BINARY pair_data(const char *cation, int os1, const char *anion, int os2) {
+    QUOVIX_PROPERTY_BINARY b{};
+    EXPECT_EQ(quovix_property_binary_read_from_file(&b, cation, os1, anion, os2, kBinary.c_str()),
+              0);
+    return b;
+}
+
+struct site {
+    const char *type;
+    int os;
+    double x, y, z, occ;
+};
+
+// Cubic cell whose atoms are each their own site (flag = position in the list + 1).
+quovix_cell_ptr make_flagged_cell(double a, std::initializer_list<site> sites) {
+    quovix_cell_ptr cell{quovix_cell_new(static_cast<long>(sites.size()))};
+    for (int k = 0; k < 3; ++k) {
+        cell->parameter[k] = a;
+        cell->angle[k] = 90.0;
+    }
+    long i = 0;
+    for (const site &s : sites) {
+        QUOVIX_ATOM &at = cell->atom[i];
+        const std::string name = std::string(s.type) + std::to_string(i + 1);
+        std::snprintf(at.name, sizeof at.name, "%s", name.c_str());
+        std::snprintf(at.type, sizeof at.type, "%s", s.type);
+        at.os = s.os;
+        at.x_f[0] = s.x;
+        at.x_f[1] = s.y;
+        at.x_f[2] = s.z;
+        at.occ = s.occ;
+        at.flag = ++i;
+    }
+    quovix_cell_update_cartesion(cell.get());
+    return cell;
+}
+
+quovix_property_ptr property_of(QUOVIX_CELL *cell) {
+    testing::internal::CaptureStdout();
+    quovix_property_ptr ppt{quovix_property_import_from_cell(cell, nullptr, 0, 0.75,
+                                                             kUnitary.c_str(), kBinary.c_str())};
+    testing::internal::GetCapturedStdout();
+    return ppt;
+}
+
+// A record of one site of oxidation state 0 whose sum is g, so that GII = g exactly.
+quovix_bv_ptr single_site(double g) {
+    quovix_bv_ptr bv{quovix_bv_new(1)};
+    bv->multi[0] = 1;
+    bv->atom[0].occ = 1.0;
+    bv->sum[0] = g;
+    return bv;
+}
+
+}  // namespace
+
+// ----------------------------------------------------------------------------- sums
+
+// Rock salt, a = 5.62 A: Na has 6 Cl at a/2 and 8 at a sqrt(3)/2 inside the 6.0 A cut-off.
+TEST(BvSum, MatchesHandSumsForRockSalt) {
+    auto in = read_cif("NaCl_rocksalt.cif");
+    auto bv = bv_of(in.cell.get(), in.sym.get());
+    ASSERT_TRUE(bv);
+    const QUOVIX_PROPERTY_BINARY p = pair_data("Na", 1, "Cl", -1);
+    ASSERT_EQ(p.cutoff, 6.0);
+    const double a = 5.62;
+    const double hand = 6.0 * std::exp((p.r0 - a / 2.0) / p.b) +
+                        8.0 * std::exp((p.r0 - a * std::sqrt(3.0) / 2.0) / p.b);
+    ASSERT_EQ(bv->total, 2);
+    const long na = quovix_bv_find_index(bv.get(), "Na1");
+    const long cl = quovix_bv_find_index(bv.get(), "Cl1");
+    ASSERT_GE(na, 0);
+    ASSERT_GE(cl, 0);
+    EXPECT_NEAR(bv->sum[na], hand, 1e-12);
+    EXPECT_NEAR(bv->sum[cl], -hand, 1e-12);
+    EXPECT_NEAR(bv->value[na][cl], hand, 1e-12);
+    EXPECT_EQ(bv->value[na][na], 0.0);
+    EXPECT_EQ(bv->multi[na], 4);
+    EXPECT_EQ(bv->multi[cl], 4);
+    EXPECT_NEAR(quovix_gii_calculate_from_bv_no_msg(bv.get()), 1.0 - hand, 1e-12);
+    EXPECT_EQ(in.cell->atom[0].flag, 0);  // marks refreshed after the calculation
+}
+
+// Antifluorite Li2O in its primitive P1 cell (a_cubic = 3.28033 sqrt 2): Li has O at
+// a sqrt(3)/4 (4), a sqrt(11)/4 (12) and a sqrt(19)/4 (12) inside 6.0 A.
+TEST(BvSum, MatchesHandSumsForAntifluorite) {
+    auto in = read_cif("Li2O_antifluorite_primitive_P1.cif");
+    auto bv = bv_of(in.cell.get(), in.sym.get());
+    ASSERT_TRUE(bv);
+    const QUOVIX_PROPERTY_BINARY p = pair_data("Li", 1, "O", -2);
+    const double a = 3.28032619926 * std::sqrt(2.0);
+    double hand = 0.0;
+    for (auto [n, r2] : {std::pair{4, 3.0}, std::pair{12, 11.0}, std::pair{12, 19.0}}) {
+        hand += n * std::exp((p.r0 - a * std::sqrt(r2) / 4.0) / p.b);
+    }
+    // The lattice is built with the truncated degree factor 0.0174532925, which moves the
+    // skewed cell's distances by a few 1e-9 relative.
+    ASSERT_EQ(bv->total, 3);  // P1: Li1, Li2, O3
+    EXPECT_NEAR(bv->sum[quovix_bv_find_index(bv.get(), "Li1")], hand, 1e-7);
+    EXPECT_NEAR(bv->sum[quovix_bv_find_index(bv.get(), "Li2")], hand, 1e-7);
+    EXPECT_NEAR(bv->sum[quovix_bv_find_index(bv.get(), "O3")], -2.0 * hand, 2e-7);
+}
+
+// The shipped sum skips images out of reach and runs sites in parallel; it must reproduce
+// the plain loop to the last bit, with any number of threads.
+TEST(BvSum, BoundedParallelSumEqualsThePlainLoopExactly) {
+    for (const char *name : {"Li4B7O12Cl_boracite.cif", "Na3PS4_cubic_2x2x2_P1.cif",
+                             "LiFePO4_olivine_P1.cif", "Li2O_antifluorite_primitive_P1.cif",
+                             "Li6PS5Cl_argyrodite.cif"}) {
+        auto in = read_cif(name);
+        ASSERT_TRUE(in.cell) << name;
+        ASSERT_EQ(quovix_cell_flag_site_by_symmetry(in.cell.get(), in.sym.get()), 0);
+        auto ppt = property_of(in.cell.get());
+        ASSERT_TRUE(ppt) << name;
+        quovix_bv_ptr plain{quovix_bv_calculate_from_flagged_cell_reference(in.cell.get(),
+                                                                          ppt.get())};
+        ASSERT_TRUE(plain);
+        for (int threads : {1, 2}) {
+            omp_set_num_threads(threads);
+            quovix_bv_ptr fast{quovix_bv_calculate_from_flagged_cell(in.cell.get(), ppt.get())};
+            ASSERT_TRUE(fast);
+            ASSERT_EQ(fast->total, plain->total);
+            for (long s = 0; s < plain->total; ++s) {
+                EXPECT_EQ(fast->sum[s], plain->sum[s]) << name << " site " << s;
+                for (long t = 0; t < plain->total; ++t)
+                    EXPECT_EQ(fast->value[s][t], plain->value[s][t]) << name;
+            }
+        }
+    }
+}
+
+TEST(BvSum, OverlapWarnsOnlyWhenTheOccupanciesCannotShareThePlace) {
+    for (double occ : {0.5, 1.0}) {
+        auto cell = make_flagged_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, occ},
+                                             {"Cl", -1, 0.01, 0.0, 0.0, occ},
+                                             {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
+        auto ppt = property_of(cell.get());
+        ASSERT_TRUE(ppt);
+        testing::internal::CaptureStdout();
+        quovix_bv_ptr bv{quovix_bv_calculate_from_flagged_cell(cell.get(), ppt.get())};
+        const std::string out = testing::internal::GetCapturedStdout();
+        ASSERT_TRUE(bv);
+        if (occ < 1.0) {
+            EXPECT_EQ(out, "");
+        } else {  // once from the Na site, once from the overlapping Cl site
+            EXPECT_EQ(out,
+                      "Warning: d=0.056200, occ1=1.000000, occ2=1.000000\n"
+                      "Warning: d=0.056200, occ1=1.000000, occ2=1.000000\n");
+        }
+        // The overlapping contact never counts as a bond; the images of that Cl at
+        // 0.99 a, 1.01 a and (4x) a sqrt(1.0001) do, weighted by the Cl occupancy.
+        const long na = quovix_bv_find_index(bv.get(), "Na1");
+        const QUOVIX_PROPERTY_BINARY p = pair_data("Na", 1, "Cl", -1);
+        auto s = [&p](double d) { return std::exp((p.r0 - d) / p.b); };
+        const double images =
+            s(0.99 * 5.62) + s(1.01 * 5.62) + 4.0 * s(5.62 * std::sqrt(1.0001));
+        EXPECT_NEAR(bv->value[na][quovix_bv_find_index(bv.get(), "Cl2")], occ * images, 1e-12);
+
+        testing::internal::CaptureStdout();  // the 12 A variant never warns
+        quovix_bv_ptr wide{
+            quovix_bv_calculate_from_flagged_cell_at_default_cutoff(cell.get(), ppt.get())};
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        ASSERT_TRUE(wide);
+        EXPECT_GT(wide->sum[na], bv->sum[na]);  // more shells within 12 A
+    }
+}
+
+TEST(BvSum, ZeroOxidationStateIsSkippedInSumsButWeighsInTheGii) {
+    auto plain = make_flagged_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0},
+                                          {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
+    auto with_ar = make_flagged_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0},
+                                            {"Cl", -1, 0.5, 0.5, 0.5, 1.0},
+                                            {"Ar", 0, 0.25, 0.25, 0.25, 1.0}});
+    auto p1 = property_of(plain.get());
+    auto p2 = property_of(with_ar.get());
+    ASSERT_TRUE(p1);
+    ASSERT_TRUE(p2);
+    quovix_bv_ptr b1{quovix_bv_calculate_from_flagged_cell(plain.get(), p1.get())};
+    quovix_bv_ptr b2{quovix_bv_calculate_from_flagged_cell(with_ar.get(), p2.get())};
+    ASSERT_TRUE(b1);
+    ASSERT_TRUE(b2);
+    const long na1 = quovix_bv_find_index(b1.get(), "Na1"), na2 = quovix_bv_find_index(b2.get(), "Na1");
+    EXPECT_EQ(b1->sum[na1], b2->sum[na2]);
+    EXPECT_EQ(b2->sum[quovix_bv_find_index(b2.get(), "Ar3")], 0.0);
+    const double dev = b1->sum[na1] - 1.0;  // Na and Cl deviate alike
+    EXPECT_NEAR(quovix_gii_calculate_from_bv_no_msg(b1.get()), std::fabs(dev), 1e-12);
+    EXPECT_NEAR(quovix_gii_calculate_from_bv_no_msg(b2.get()), std::sqrt(2.0 * dev * dev / 3.0),
+                1e-12);
+}
+
+TEST(BvSum, TypeRestrictionKeepsOnePairAndAnAbsentPairGivesNoSites) {
+    auto in = read_cif("NaCl_rocksalt.cif");
+    auto full = bv_of(in.cell.get(), in.sym.get());
+    testing::internal::CaptureStdout();
+    quovix_bv_ptr pair{quovix_bv_calculate_from_cell_with_type(
+        in.cell.get(), in.sym.get(), "Na", 1, "Cl", -1, kUnitary.c_str(), kBinary.c_str())};
+    quovix_bv_ptr absent{quovix_bv_calculate_from_cell_with_type(
+        in.cell.get(), in.sym.get(), "Li", 1, "O", -2, kUnitary.c_str(), kBinary.c_str())};
+    testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(full);
+    ASSERT_TRUE(pair);
+    ASSERT_TRUE(absent);
+    ASSERT_EQ(pair->total, 2);
+    EXPECT_EQ(pair->sum[0], full->sum[0]);
+    EXPECT_EQ(pair->sum[1], full->sum[1]);
+    EXPECT_EQ(absent->total, 0);
+    EXPECT_EQ(in.cell->total, 8);  // the original cell is not reduced
+}
+
+TEST(BvSum, IncompletePairDataIsRejected) {
+    auto cell = make_flagged_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0},
+                                         {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
+    auto ppt = property_of(cell.get());
+    ASSERT_TRUE(ppt);
+    ppt->bin[1][0].b = 0.0;  // species order: Cl, Na
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(quovix_bv_ptr{quovix_bv_calculate_from_flagged_cell(cell.get(), ppt.get())});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Error: incorrect b at [1](Na1+)-(Cl1-) b=0.000000\n"
+              "Error: quovix_bv_validate_property() returns non-zero.\n");
+}
+
+// ----------------------------------------------------------------------------- GII
+
+TEST(Gii, VerdictsFollowTheOrderOfTheTests) {
+    const struct {
+        double g;
+        const char *verdict;
+    } cases[] = {
+        {0.0, "GII: suggested stability: average.\n"},
+        {0.1, "GII: suggested stability: stable.\n"},
+        {0.15, "GII: suggested stability: average.\n"},
+        {0.3, "GII: suggested stability: unstable.\n"},
+        {1.0,
+         "GII: unreasonable value.\nGII: there might be an error in input structure or "
+         "calculation.\n"},
+    };
+    for (const auto &c : cases) {
+        auto bv = single_site(c.g);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(quovix_gii_calculate_from_bv(bv.get()), c.g);
+        char head[64];
+        std::snprintf(head, sizeof head, "GII: Global instability index = %f\n", c.g);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(head) + c.verdict);
+    }
+}
+
+TEST(Gii, WeighsSitesByMultiplicityAndOccupancy) {
+    quovix_bv_ptr bv{quovix_bv_new(2)};
+    bv->atom[0].os = 2;
+    bv->atom[0].occ = 1.0;
+    bv->multi[0] = 2;
+    bv->sum[0] = 1.8;
+    bv->atom[1].os = -2;
+    bv->atom[1].occ = 0.5;
+    bv->multi[1] = 1;
+    bv->sum[1] = -2.1;
+    EXPECT_NEAR(quovix_gii_calculate_from_bv_no_msg(bv.get()),
+                std::sqrt((2.0 * 0.04 + 0.5 * 0.01) / 2.5), 1e-12);
+}
+
+// ----------------------------------------------------------------------------- printers
+
+TEST(BvPrint, TablesGuiBlockAndText) {
+    quovix_bv_ptr bv{quovix_bv_new(2)};
+    std::snprintf(bv->atom[0].name, QUOVIX_ATOM_NAME_LEN, "Na1");
+    std::snprintf(bv->atom[0].type, QUOVIX_TYPE_LEN, "Na");
+    bv->atom[0].os = 1;
+    bv->atom[0].occ = 1.0;
+    bv->atom[0].x_f[1] = 0.5;
+    std::snprintf(bv->atom[1].name, QUOVIX_ATOM_NAME_LEN, "X2");
+    std::snprintf(bv->atom[1].type, QUOVIX_TYPE_LEN, "Xe");
+    bv->atom[1].os = 0;
+    bv->atom[1].occ = 0.25;
+    bv->sum[0] = 0.983032;
+    bv->value[0][1] = -1.5;
+
+    testing::internal::CaptureStdout();
+    quovix_bv_print(bv.get());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "BV:   name type    occ    bv_sum\n"
+              "BV:    Na1 Na1+  1.000  0.983032\n"
+              "BV:     X2 Xe0-  0.250  0.000000\n"
+              "BV:=============================================\n"
+              "BV: nam1 typ1   occ1 nam2 typ2   occ1        bv\n"
+              "BV:  Na1 Na1+  1.000  Na1 Na1+  1.000  0.000000\n"
+              "BV:  Na1 Na1+  1.000   X2 Xe0-  0.250 -1.500000\n"
+              "BV:   X2 Xe0-  0.250  Na1 Na1+  1.000  0.000000\n"
+              "BV:   X2 Xe0-  0.250   X2 Xe0-  0.250  0.000000\n");
+
+    testing::internal::CaptureStdout();
+    quovix_bv_print_gui(bv.get());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Printing bond valence sum of each site for Quovix-GUI\n"
+              "> Label [  X     Y     Z  ] : BV_sum\n"
+              ">   Na1 [0.000 0.500 0.000] : 0.983032\n"
+              ">    X2 [0.000 0.000 0.000] : 0.000000\n"
+              "End of BV sum calculation for Quovix-GUI\n");
+
+    quovix_text_ptr text{quovix_bv_export_to_text(bv.get())};
+    ASSERT_TRUE(text);
+    const std::string rule = "=================================================================\r\n";
+    EXPECT_EQ(std::string(text->content),
+              "Bond valence sum:\r\nTotal inequivalent sites: 2\r\n" + rule +
+                  " Na1(Na1+)(occ=1.000) bv_sum =  0.983032\r\n"
+                  "  X2(Xe0+)(occ=0.250) bv_sum =  0.000000\r\n" +
+                  rule +
+                  " Na1(Na1+)(occ=1.000)  Na1(Na1+)(occ=1.000) bv =  0.000000\r\n"
+                  " Na1(Na1+)(occ=1.000)   X2(Xe0+)(occ=0.250) bv = -1.500000\r\n"
+                  "  X2(Xe0+)(occ=0.250)  Na1(Na1+)(occ=1.000) bv =  0.000000\r\n"
+                  "  X2(Xe0+)(occ=0.250)   X2(Xe0+)(occ=0.250) bv =  0.000000\r\n" +
+                  rule);
+
+    testing::internal::CaptureStderr();
+    quovix_bv_print(nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "BV: (not allocated)\n");
+}
