@@ -1,0 +1,136 @@
+// Command handlers of the landscape and cube-file commands: --print-cube and --gen-cube.
+#include <cmath>
+#include <cstdio>
+
+#include "quovix-cmd.hpp"
+#include "quovix-cube.hpp"
+#include "quovix-import.hpp"
+
+/// --print-cube [input.cube] | {flag:periodic}: reads a cube file (with its cell when the
+/// header lists atoms) and prints the cell and the grid summary.
+void quovix_cmd_opt_do_print_cube(QUOVIX_CMD_OPT *opt) {
+    quovix_args args(opt);
+    if (args.count() < 1) {
+        std::fputs("Command: --print-cube [input.cube] | {flag:periodic}\n\n", stdout);
+        std::fputs("Command: [input.cube]: in Guassian cube format. Headers are optional.\n",
+                   stdout);
+        std::fputs(
+            "Command: {flag:periodic}: t or f. If true, the cube is treated as periodic, "
+            "namely boundaries are not repeatedly recorded in the file. Default value "
+            "true.\n",
+            stdout);
+        std::fputs("Example: ./quovix.x --print-cube Li2O.cube\n", stdout);
+        return;
+    }
+    bool periodic = true;
+    args.read_flag(1, periodic);
+    QUOVIX_CUBE *raw_cube = nullptr;
+    QUOVIX_CELL *raw_cell = nullptr;
+    int status = quovix_cube_import_from_file(&raw_cube, &raw_cell, args.c_str(0), periodic,
+                                              opt->dir_unitary);
+    quovix_cube_ptr cube{raw_cube};
+    quovix_cell_ptr cell{raw_cell};
+    if (status != 0) {
+        std::fputs("Error: quovix_cube_import_from_file() returns non-zero.\n", stderr);
+        return;
+    }
+    quovix_cell_print(cell.get());
+    quovix_cube_print_info(cube.get());
+}
+
+/// --gen-cube [input.cif] [type] [os] | {sf} {resolution} {flag:ignore_conducting_ion}
+/// {flag:periodic} {flag:skip_mix_occ} {output_name}: landscape of the mobile ion written as
+/// a cube file (default name: the CIF name with ".cube" for its extension).
+void quovix_cmd_opt_do_gen_cube(QUOVIX_CMD_OPT *opt) {
+    quovix_args args(opt);
+    if (args.count() < 3) {
+        std::fputs(
+            "Command: --gen-cube [input.cif] [type] [os] | {sf} {resolution} "
+            "{flag:ignore_conducting_ion} {flag:periodic} {flag:skip_mix_occ} "
+            "{output_name}\n\n",
+            stdout);
+        std::fputs("Command: [type] the element type of conducting ion, two characters.\n", stdout);
+        std::fputs("Command: [os] the oxidation state of conducting ion, integer.\n", stdout);
+        std::fputs(
+            "Command: {sf}: customized screening factor to use. If set to non-positive, "
+            "automatic calculation is triggered. Default 0.0.\n",
+            stdout);
+        std::fputs(
+            "Command: {resolution}: preferred seperation between voxels. Actual "
+            "resolution will be slightly different guarantee the number of voxels along "
+            "each lattice parameter is a multiple of 12. Default 0.1.\n",
+            stdout);
+        std::fputs(
+            "Command: {flag:ignore_conducting_ion}: if set to true, all ions with the "
+            "same type and os as the conducting ion are ignored during calculation. "
+            "Default true.\n",
+            stdout);
+        std::fputs(
+            "Command: {flag:periodic}: if set to true, generated cube file contains "
+            "voxels along boundaries only once. Default true.\n",
+            stdout);
+        std::fputs(
+            "Command: {flag:skip_mix_occ}: if set to true, skip the cube file generation "
+            "for structure with mixed occupancy site. Default false.\n",
+            stdout);
+        std::fputs(
+            "Command: we advice staying with the default setting. If the screening factor "
+            "cannot be calculated automatically, a suitable estimate of about 0.74 can be "
+            "used.\n",
+            stdout);
+        std::fputs("Example: ./quovix.x --gen-cube Li2O.cif Li 1\n", stdout);
+        std::fputs("Example: ./quovix.x --gen-cube Li2O.cif Li 1 0.71 0.05 f t\n", stdout);
+        return;
+    }
+    const char *input = args.c_str(0);
+    char type[QUOVIX_TYPE_LEN] = {0};
+    quovix_cmd_opt_get_type(type, args.c_str(1));
+    int os = 0;
+    if (!args.read_int(2, os)) {
+        std::fputs("Error: wrong parameter conducting os.\n", stderr);
+        return;
+    }
+    double sf = -0.1;  // non-positive: fitted while the parameter set is built
+    if (args.has(3) && (!args.read_double(3, sf) || !std::isfinite(sf))) {
+        std::fputs("Error: wrong parameter screening factor.\n", stderr);
+        return;
+    }
+    double resolution = 0.1;
+    if (args.has(4)) {
+        if (!args.read_double(4, resolution) || std::isnan(resolution) || std::isinf(resolution)) {
+            std::fputs("Error: wrong parameter resolution.\n", stderr);
+            return;
+        }
+        if (resolution <= 0.0) resolution = 0.1;
+    }
+    bool ignore_conducting = true, periodic = true, skip_mix_occ = false;
+    args.read_flag(5, ignore_conducting);
+    args.read_flag(6, periodic);
+    args.read_flag(7, skip_mix_occ);
+    char output[QUOVIX_PATH_LEN];
+    if (args.has(8))
+        std::snprintf(output, sizeof output, "%.1000s", args.c_str(8));
+    else
+        quovix_cmd_name_replace_ext(output, input, ".cube");
+    char assigned[QUOVIX_PATH_LEN];
+    quovix_cubename_assigned(assigned, input);
+
+    QUOVIX_CELL *raw_cell = nullptr;
+    QUOVIX_SYMMETRY *raw_symmetry = nullptr;
+    int status = quovix_cell_import_cif_from_file(&raw_cell, &raw_symmetry, input,
+                                                  opt->dir_symcards, opt->dir_unitary);
+    quovix_cell_ptr cell{raw_cell};
+    quovix_symmetry_ptr symmetry{raw_symmetry};
+    if (status != 0) {
+        std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
+        return;
+    }
+    if (quovix_cube_calculate_from_cell_and_write_to_file_assign_partial_occ(
+            cell.get(), symmetry.get(), type, os, sf, resolution, ignore_conducting, periodic,
+            skip_mix_occ, output, assigned, opt->dir_unitary, opt->dir_binary) != 0) {
+        std::fputs(
+            "Error: quovix_cube_calculate_from_cell_and_write_to_file_assign_partial_occ() "
+            "returns non-zero.\n",
+            stderr);
+    }
+}

@@ -1,0 +1,142 @@
+#!/usr/bin/python3
+"""Cube files written by --gen-cube open in an independent reader (ASE's cube reader).
+
+Checks, for a periodic and a non-periodic file of the bundled LiFePO4 example: the grid
+shape, the voxel vectors (against --print-cube and against the CIF lattice divided by the
+counts), every value (against the text of the file), the repeated boundary planes of the
+non-periodic file, and the atoms of the header (against the CIF positions).
+"""
+import math
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+
+import numpy as np
+from ase.io.cube import read_cube_data
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+EXE = os.environ.get("QUOVIX_EXE", os.path.join(ROOT, "build", "quovix.x"))
+CIF = os.path.join(ROOT, "examples", "LiFePO4.cif")
+DEG = 0.0174532925  # the program's degree factor
+failures = []
+
+
+def check(ok, what):
+    if not ok:
+        failures.append(what)
+        print("FAIL:", what)
+
+
+def run(args, cwd):
+    res = subprocess.run([EXE] + args, cwd=cwd, capture_output=True, text=True)
+    check(res.returncode == 0, "exit status of %s" % args)
+    check(res.stderr == "", "empty stderr of %s: %r" % (args, res.stderr))
+    return res.stdout
+
+
+def read_cif(path):
+    """Lattice rows (program convention: a along x, b in the xy plane) and atoms of a P1 CIF."""
+    par, atoms, cols, in_loop = {}, [], [], False
+    for line in open(path):
+        w = line.split()
+        if not w or w[0].startswith("#"):
+            continue
+        if w[0].startswith("_cell_"):
+            par[w[0]] = float(w[1])
+        if w[0] == "loop_":
+            cols, in_loop = [], True
+            continue
+        if in_loop and w[0].startswith("_"):
+            cols.append(w[0])
+            continue
+        if in_loop and "_atom_site_fract_x" in cols and len(w) == len(cols):
+            rec = dict(zip(cols, w))
+            atoms.append((rec["_atom_site_type_symbol"].rstrip("+-0123456789"),
+                          [float(rec["_atom_site_fract_" + c]) for c in "xyz"]))
+    a, b, c = (par["_cell_length_" + k] for k in "abc")
+    al, be, ga = (par["_cell_angle_" + k] * DEG for k in ("alpha", "beta", "gamma"))
+    a1 = [b * math.cos(ga), b * math.sin(ga), 0.0]
+    a2x = c * math.cos(be)
+    a2y = (b * c * math.cos(al) - a2x * a1[0]) / a1[1]
+    lat = np.array([[a, 0.0, 0.0], a1, [a2x, a2y, math.sqrt(c * c - a2x * a2x - a2y * a2y)]])
+    return lat, atoms
+
+
+def file_values(path, natom):
+    lines = open(path, "rb").read().split(b"\r\n")
+    return np.array([float(x) for x in lines[6 + natom:] if x.strip()])
+
+
+def printed_voxels(out):
+    rows, take = [], False
+    for line in out.splitlines():
+        if line.startswith("CUBE: votex vector"):
+            take = True
+            continue
+        if take and line.startswith("CUBE:  "):
+            rows.append([float(x) for x in line.split()[1:]])
+    return np.array(rows)
+
+
+def main():
+    lat, cif_atoms = read_cif(CIF)
+    work = tempfile.mkdtemp(prefix="quovix_ase_")
+    try:
+        shutil.copy(CIF, work)
+        # sf 0.9 (no fit), resolution 0.5 A: 24 points per axis for this cell.
+        run(["--gen-cube", "LiFePO4.cif", "Li", "1", "0.9", "0.5"], work)
+        run(["--gen-cube", "LiFePO4.cif", "Li", "1", "0.9", "0.5", "t", "f", "f",
+             "open.cube"], work)
+        per, per_atoms = read_cube_data(os.path.join(work, "LiFePO4.cube"))
+        opn, opn_atoms = read_cube_data(os.path.join(work, "open.cube"))
+
+        check(per.shape == (24, 24, 24), "periodic shape %s" % (per.shape,))
+        check(opn.shape == (25, 25, 25), "non-periodic shape %s" % (opn.shape,))
+
+        # Voxel vectors: ASE gives cell row = count * voxel.
+        vox_ase = np.array(per_atoms.cell) / 24.0
+        vox_open = np.array(opn_atoms.cell) / 25.0
+        check(np.allclose(vox_ase, lat / 24.0, atol=2e-6), "voxel vectors vs CIF lattice / 24")
+        check(np.allclose(vox_open, vox_ase, atol=1e-9), "same voxel vectors in both files")
+        out = run(["--print-cube", "LiFePO4.cube"], work)
+        check(np.allclose(printed_voxels(out), vox_ase, atol=2e-6), "voxel vectors vs --print-cube")
+        out = run(["--print-cube", "open.cube", "f"], work)
+        check("CUBE: cube size = 24 * 24 * 24" in out, "non-periodic file read back as 24^3")
+
+        # Values: ASE's array in file order (first index outermost) equals the file text.
+        vals = file_values(os.path.join(work, "LiFePO4.cube"), len(cif_atoms))
+        check(vals.size == 24 ** 3, "value count %d" % vals.size)
+        check(np.array_equal(per.ravel(), vals), "ASE values equal the file values")
+        check(float(per.max()) <= 999.9, "values capped at 999.9")
+        # Non-periodic: same grid plus the first plane repeated after the last on each axis.
+        check(np.array_equal(opn[:24, :24, :24], per), "non-periodic interior equals periodic")
+        check(np.array_equal(opn[24, :, :], opn[0, :, :]), "plane i=24 repeats i=0")
+        check(np.array_equal(opn[:, 24, :], opn[:, 0, :]), "plane j=24 repeats j=0")
+        check(np.array_equal(opn[:, :, 24], opn[:, :, 0]), "plane k=24 repeats k=0")
+
+        # Atoms of the header: same elements and positions as the CIF (the program keeps
+        # fractional coordinates in [0, 1), so positions are compared modulo the lattice).
+        check(len(per_atoms) == len(cif_atoms), "atom count %d" % len(per_atoms))
+        frac = np.linalg.solve(lat.T, per_atoms.positions.T).T
+        symbols = per_atoms.get_chemical_symbols()
+        unmatched = 0
+        for sym, f in cif_atoms:
+            d = frac - np.array(f)
+            d -= np.round(d)
+            dist = np.linalg.norm(np.dot(d, lat), axis=1)
+            if not any(s == sym and x < 2e-5 for s, x in zip(symbols, dist)):
+                unmatched += 1
+        check(unmatched == 0, "%d CIF atoms without a matching cube atom" % unmatched)
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+    if failures:
+        print("%d check(s) failed" % len(failures))
+        return 1
+    print("all checks passed")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
