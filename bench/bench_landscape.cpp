@@ -7,46 +7,17 @@
 // The counter "pairs" is the number of pair-energy evaluations (contacts within their cut-off)
 // the grid needs, estimated from 4000 sampled grid points; "pairs/s" is its rate.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <omp.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <map>
 #include <string>
 
-#include "quovix-alloc.hpp"
+#include "bench_common.hpp"
 #include "quovix-cube.hpp"
-#include "quovix-import.hpp"
 
 namespace {
-
-const std::string kData = QUOVIX_DATA_DIR;
-
-// Silences the library's messages on standard output while alive.
-class Quiet {
-   public:
-    Quiet() : saved_(dup(1)) {
-        std::fflush(stdout);
-        int null = open("/dev/null", O_WRONLY);
-        if (null >= 0) {
-            dup2(null, 1);
-            close(null);
-        }
-    }
-    ~Quiet() {
-        std::fflush(stdout);
-        if (saved_ >= 0) {
-            dup2(saved_, 1);
-            close(saved_);
-        }
-    }
-
-   private:
-    int saved_;
-};
 
 struct Loaded {
     quovix_cell_ptr cell;
@@ -108,16 +79,14 @@ Loaded &structure(const char *file, const char *type, int os) {
     const std::string path = std::string(QUOVIX_TEST_DATA_DIR) + "/" + file;
     QUOVIX_CELL *cell = nullptr;
     QUOVIX_SYMMETRY *symmetry = nullptr;
-    Quiet quiet;
-    if (quovix_cell_import_cif_from_file(&cell, &symmetry, path.c_str(),
-                                         (kData + "/database_symcards.dat").c_str(),
-                                         (kData + "/database_unitary.dat").c_str()) == 0) {
+    bench::quiet_stdout quiet;
+    if (quovix_cell_import_cif_from_file(&cell, &symmetry, path.c_str(), bench::kSymcards.c_str(),
+                                         bench::kUnitary.c_str()) == 0) {
         s.cell.reset(cell);
         s.symmetry.reset(symmetry);
         // A fixed screening factor: the benchmark times the grid, not the fit.
-        s.ppt.reset(quovix_property_import_from_cell(cell, type, os, 0.8,
-                                                     (kData + "/database_unitary.dat").c_str(),
-                                                     (kData + "/database_binary.dat").c_str()));
+        s.ppt.reset(quovix_property_import_from_cell(cell, type, os, 0.8, bench::kUnitary.c_str(),
+                                                     bench::kBinary.c_str()));
     }
     return s;
 }
@@ -134,7 +103,7 @@ void run(benchmark::State &state, const char *file, const char *type, int os, do
     for (auto _ : state) {
         QUOVIX_CUBE *cube = nullptr;
         {
-            Quiet quiet;
+            bench::quiet_stdout quiet;
             cube = plain ? quovix_cube_calculate_plain(s.cell.get(), s.symmetry.get(), s.ppt.get(),
                                                        res, true)
                          : quovix_cube_calculate(s.cell.get(), s.symmetry.get(), s.ppt.get(), res,

@@ -2,90 +2,22 @@
 // (duplicate removal and sort) and the space-group search over all settings on a ~500-atom
 // P1 cell, each as the plain all-pairs reference against the binned version shipped.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <vector>
 
-#include "quovix-alloc.hpp"
-#include "quovix-import.hpp"
+#include "bench_common.hpp"
 
 namespace {
 
-const std::string kUnitary = std::string(QUOVIX_DATA_DIR) + "/database_unitary.dat";
-const std::string kSymcards = std::string(QUOVIX_DATA_DIR) + "/database_symcards.dat";
-
-// Keeps the readers' and the search's messages out of the report.
-class QuietStdout {
-public:
-    QuietStdout() {
-        std::fflush(stdout);
-        saved_ = dup(1);
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, 1);
-        close(null);
-    }
-    ~QuietStdout() {
-        std::fflush(stdout);
-        dup2(saved_, 1);
-        close(saved_);
-    }
-    QuietStdout(const QuietStdout &) = delete;
-    QuietStdout &operator=(const QuietStdout &) = delete;
-
-private:
-    int saved_;
-};
-
-// The faujasite file has no occupancy column, which the reader requires: one of 1.0 is
-// added to every site row of the atom loop.
-std::string faujasite_with_occupancy() {
-    std::ifstream in(std::string(QUOVIX_TEST_DATA_DIR) + "/FAU_faujasite_SiO2.cif", std::ios::binary);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::string out;
-    bool in_sites = false;
-    for (std::size_t pos = 0; pos < text.size();) {
-        std::size_t end = text.find('\n', pos);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(pos, end - pos);
-        if (in_sites && line.rfind("    ", 0) == 0) line += "  1.0";
-        out += line + "\n";
-        if (line.rfind("_atom_site_fract_z", 0) == 0) {
-            out += "_atom_site_occupancy\n";
-            in_sites = true;
-        }
-        pos = end + 1;
-    }
-    return out;
-}
-
-struct Structure {
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-};
-
-Structure read_text(const std::string &content) {
-    Structure s;
-    QuietStdout quiet;
-    quovix_text_ptr text(quovix_text_new(content.c_str()));
-    QUOVIX_CELL *c = nullptr;
-    QUOVIX_SYMMETRY *y = nullptr;
-    if (quovix_cell_import_cif_from_text(&c, &y, text.get(), kSymcards.c_str(), kUnitary.c_str()) == 0) {
-        s.cell.reset(c);
-        s.sym.reset(y);
-    }
-    return s;
-}
+using bench::kSymcards;
+using bench::structure;
 
 // Faujasite: its cell, symmetry and asymmetric unit (one atom per orbit).
 struct Faujasite {
-    Structure full;
+    structure full;
     quovix_cell_ptr asym;
-    Faujasite() : full(read_text(faujasite_with_occupancy())) {
+    Faujasite() : full(bench::read_test_cif("FAU_faujasite_SiO2.cif")) {
         if (full.cell) asym.reset(quovix_cell_reduce_by_symmetry(full.cell.get(), full.sym.get()));
     }
 };
@@ -170,7 +102,7 @@ void cal_sym(benchmark::State &state, bool fast) {
     quovix_cell_ptr cell = rock_salt_512();
     int id = 0;
     for (auto _ : state) {
-        QuietStdout quiet;
+        bench::quiet_stdout quiet;
         quovix_symmetry_ptr found(fast ? quovix_symmetry_calculate_from_cell(cell.get(), -1.0, kSymcards.c_str())
                                        : quovix_symmetry_calculate_from_cell_plain(cell.get(), -1.0, kSymcards.c_str()));
         id = found ? found->sg_id : 0;
@@ -184,9 +116,7 @@ void BM_CalSymRockSalt512Binned(benchmark::State &state) { cal_sym(state, true);
 // The sodium thiophosphate snapshot (128 atoms, distorted) fits P 1 only: most settings
 // fail at their first operations.
 void cal_sym_distorted(benchmark::State &state, bool fast) {
-    std::ifstream in(std::string(QUOVIX_TEST_DATA_DIR) + "/Na3PS4_cubic_2x2x2_P1.cif", std::ios::binary);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    Structure s = read_text(text);
+    const structure s = bench::read_test_cif("Na3PS4_cubic_2x2x2_P1.cif");
     if (!s.cell) {
         state.SkipWithError("Na3PS4 not readable");
         return;
@@ -194,7 +124,7 @@ void cal_sym_distorted(benchmark::State &state, bool fast) {
     const long m[3] = {2, 2, 1};
     quovix_cell_ptr big(quovix_cell_supercell(s.cell.get(), m));  // 512 atoms
     for (auto _ : state) {
-        QuietStdout quiet;
+        bench::quiet_stdout quiet;
         quovix_symmetry_ptr found(fast ? quovix_symmetry_calculate_from_cell(big.get(), -1.0, kSymcards.c_str())
                                        : quovix_symmetry_calculate_from_cell_plain(big.get(), -1.0, kSymcards.c_str()));
         benchmark::DoNotOptimize(found.get());

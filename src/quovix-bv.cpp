@@ -267,31 +267,11 @@ int quovix_bv_validate_property(QUOVIX_PROPERTY *ppt) {
         std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
         return 1;
     }
-    for (int i = 0; i < ppt->total; ++i) {
-        if (ppt->os[i] <= 0) continue;
-        for (int j = 0; j < ppt->total; ++j) {
-            if (ppt->os[j] >= 0) continue;
-            const QUOVIX_PROPERTY_BINARY &b = ppt->bin[i][j];
-            const int a1 = quovix_abs_os(b.os1), a2 = quovix_abs_os(b.os2);
-            const char s1 = quovix_sign_char(b.os1), s2 = quovix_sign_char(b.os2);
-            if (b.cutoff <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect cutoff at [%d](%s%d%c)-(%s%d%c) cutoff=%f\n",
-                             i, b.type1, a1, s1, b.type2, a2, s2, b.cutoff);
-                return 1;
-            }
-            if (b.b <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect b at [%d](%s%d%c)-(%s%d%c) b=%f\n", i,
-                             b.type1, a1, s1, b.type2, a2, s2, b.b);
-                return 1;
-            }
-            if (b.r0 <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect r0 at [%d](%s%d%c)-(%s%d%c) r0=%f\n", i,
-                             b.type1, a1, s1, b.type2, a2, s2, b.r0);
-                return 1;
-            }
-        }
-    }
-    return 0;
+    static constexpr quovix_pair_check pair_checks[] = {
+        {"cutoff", &QUOVIX_PROPERTY_BINARY::cutoff},
+        {"b", &QUOVIX_PROPERTY_BINARY::b},
+        {"r0", &QUOVIX_PROPERTY_BINARY::r0}};
+    return quovix_property_validate_pairs(ppt, pair_checks);
 }
 
 /// Bond valence sums of a cell whose atoms carry their site numbers in `flag` (1-based), with

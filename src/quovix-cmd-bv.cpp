@@ -10,20 +10,39 @@
 
 namespace {
 
-// Reads a CIF into owned cell and symmetry; prints the failure line.
-[[nodiscard]] bool read_cif(const QUOVIX_CMD_OPT *opt, const char *path, quovix_cell_ptr &cell,
-                            quovix_symmetry_ptr &sym) {
-    QUOVIX_CELL *c = nullptr;
-    QUOVIX_SYMMETRY *s = nullptr;
-    const int status =
-        quovix_cell_import_cif_from_file(&c, &s, path, opt->dir_symcards, opt->dir_unitary);
-    cell.reset(c);
-    sym.reset(s);
-    if (status != 0) {
-        std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
-        return false;
-    }
-    return true;
+// Reads a CIF whose symmetry the command does not need: the cell alone, or null after the
+// failure line.
+quovix_cell_ptr read_cell(const QUOVIX_CMD_OPT *opt, const char *path) {
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!quovix_cmd_read_cif(opt, path, cell, sym)) return nullptr;
+    return cell;
+}
+
+// The parameter set of the cell with the run's parameter files, or null after the failure line.
+quovix_property_ptr import_property(const QUOVIX_CMD_OPT *opt, QUOVIX_CELL *cell,
+                                    const char *mobile, int os, double sf) {
+    quovix_property_ptr ppt{quovix_property_import_from_cell(cell, mobile, os, sf,
+                                                             opt->dir_unitary, opt->dir_binary)};
+    if (!ppt) std::fputs("Error: quovix_property_import_from_cell() returns NULL.\n", stderr);
+    return ppt;
+}
+
+// Bond valence sums of every inequivalent site of a cell read with its symmetry, or null
+// after the failure line.
+quovix_bv_ptr calculate_bv(const QUOVIX_CMD_OPT *opt, QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym) {
+    quovix_bv_ptr bv{
+        quovix_bv_calculate_from_cell(cell, sym, opt->dir_unitary, opt->dir_binary)};
+    if (!bv) std::fputs("Error: quovix_bv_calculate_from_cell() returns non-zero.\n", stderr);
+    return bv;
+}
+
+// --cal-bv and its text mode: the sums of the cell, then the GII.
+void print_bv_and_gii(const QUOVIX_CMD_OPT *opt, QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym) {
+    quovix_bv_ptr bv = calculate_bv(opt, cell, sym);
+    if (!bv) return;
+    quovix_bv_print(bv.get());
+    quovix_gii_calculate_from_bv(bv.get());
 }
 
 void print_cal_bv_usage() {
@@ -52,21 +71,15 @@ void quovix_cmd_opt_do_print_ppt(QUOVIX_CMD_OPT *opt) {
         std::printf("         will use provided screening factor 0.72.\n");
         return;
     }
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
-    sym.reset();
+    quovix_cell_ptr cell = read_cell(opt, args.c_str(0));
+    if (!cell) return;
     double sf = -1.0;
     if (args.has(1) && !args.read_double(1, sf)) {
         std::fputs("Error: wrong parameter sf.\n", stderr);
         return;
     }
-    quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, sf,
-                                                             opt->dir_unitary, opt->dir_binary)};
-    if (!ppt) {
-        std::fputs("Error: quovix_property_import_from_cell() returns NULL.\n", stderr);
-        return;
-    }
+    quovix_property_ptr ppt = import_property(opt, cell.get(), nullptr, 0, sf);
+    if (!ppt) return;
     if (quovix_property_calculate_unitary_eam_parameter(ppt.get()) != 0) {
         std::fputs("Error: quovix_property_calculate_unitary_eam_parameter() returns non-zero.\n",
                    stderr);
@@ -86,10 +99,8 @@ void quovix_cmd_opt_do_print_ppt_full(QUOVIX_CMD_OPT *opt) {
         std::printf("Command: reserved for debugging purpose\n");
         return;
     }
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
-    sym.reset();
+    quovix_cell_ptr cell = read_cell(opt, args.c_str(0));
+    if (!cell) return;
     double sf = -1.0;
     char type[QUOVIX_TYPE_LEN] = {};
     const char *mobile = nullptr;
@@ -106,12 +117,8 @@ void quovix_cmd_opt_do_print_ppt_full(QUOVIX_CMD_OPT *opt) {
         std::fputs("Error: wrong parameter sf.\n", stderr);
         return;
     }
-    quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), mobile, os, sf,
-                                                             opt->dir_unitary, opt->dir_binary)};
-    if (!ppt) {
-        std::fputs("Error: quovix_property_import_from_cell() returns NULL.\n", stderr);
-        return;
-    }
+    quovix_property_ptr ppt = import_property(opt, cell.get(), mobile, os, sf);
+    if (!ppt) return;
     quovix_property_print(ppt.get());
 }
 
@@ -124,9 +131,8 @@ void quovix_cmd_opt_do_cal_charge(QUOVIX_CMD_OPT *opt) {
         std::printf("Example: ./quovix.x --cal-charge Li2O.cif\n");
         return;
     }
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    quovix_cell_ptr cell = read_cell(opt, args.c_str(0));
+    if (!cell) return;
     double charge = 0.0;
     for (long k = 0; k < cell->total; ++k) charge += cell->atom[k].os * cell->atom[k].occ;
     std::printf("Total charge per unit cell: %.3f\n", charge);
@@ -141,15 +147,8 @@ void quovix_cmd_opt_do_cal_bv(QUOVIX_CMD_OPT *opt) {
     }
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
-    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
-    quovix_bv_ptr bv{quovix_bv_calculate_from_cell(cell.get(), sym.get(), opt->dir_unitary,
-                                                   opt->dir_binary)};
-    if (!bv) {
-        std::fputs("Error: quovix_bv_calculate_from_cell() returns non-zero.\n", stderr);
-        return;
-    }
-    quovix_bv_print(bv.get());
-    quovix_gii_calculate_from_bv(bv.get());
+    if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
+    print_bv_and_gii(opt, cell.get(), sym.get());
 }
 
 /// --cal-bv-gui [input.cif]: the sums as the compact block of the graphical front end (no GII).
@@ -162,13 +161,9 @@ void quovix_cmd_opt_do_cal_bv_gui(QUOVIX_CMD_OPT *opt) {
     }
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
-    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
-    quovix_bv_ptr bv{quovix_bv_calculate_from_cell(cell.get(), sym.get(), opt->dir_unitary,
-                                                   opt->dir_binary)};
-    if (!bv) {
-        std::fputs("Error: quovix_bv_calculate_from_cell() returns non-zero.\n", stderr);
-        return;
-    }
+    if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
+    quovix_bv_ptr bv = calculate_bv(opt, cell.get(), sym.get());
+    if (!bv) return;
     quovix_bv_print_gui(bv.get());
 }
 
@@ -206,7 +201,7 @@ void quovix_cmd_opt_do_cal_bv_type(QUOVIX_CMD_OPT *opt) {
     }
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
-    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
     quovix_bv_ptr bv{quovix_bv_calculate_from_cell_with_type(
         cell.get(), sym.get(), type1, os1, type2, os2, opt->dir_unitary, opt->dir_binary)};
     if (!bv) {
@@ -229,7 +224,7 @@ void quovix_cmd_opt_do_cal_gii(QUOVIX_CMD_OPT *opt) {
     }
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
-    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
     if (quovix_gii_calculate_from_cell(cell.get(), sym.get(), opt->dir_unitary, opt->dir_binary) <
         0.0) {
         std::fputs("Error: quovix_gii_calculate_from_cell() returns negative value.\n", stderr);
@@ -258,14 +253,7 @@ void quovix_cmd_opt_do_text_cal_bv(QUOVIX_CMD_OPT *opt) {
         std::fputs("Error: quovix_cell_import_cif_from_text() returns non-zero.\n", stderr);
         return;
     }
-    quovix_bv_ptr bv{quovix_bv_calculate_from_cell(cell.get(), sym.get(), opt->dir_unitary,
-                                                   opt->dir_binary)};
-    if (!bv) {
-        std::fputs("Error: quovix_bv_calculate_from_cell() returns non-zero.\n", stderr);
-        return;
-    }
-    quovix_bv_print(bv.get());
-    quovix_gii_calculate_from_bv(bv.get());
+    print_bv_and_gii(opt, cell.get(), sym.get());
 }
 
 /// --cal-tot-en [input.cif] | {sf}: interatomic energy, embedding energy and their sum (eV).
@@ -283,17 +271,13 @@ void quovix_cmd_opt_do_cal_tot_en(QUOVIX_CMD_OPT *opt) {
     }
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
-    if (!read_cif(opt, args.c_str(0), cell, sym)) return;
+    if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
     if (quovix_cell_flag_site_by_symmetry(cell.get(), sym.get()) != 0) {
         std::fputs("Error: quovix_cell_flag_site_by_symmetry() returns non-zero.\n", stderr);
         return;
     }
-    quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, sf,
-                                                             opt->dir_unitary, opt->dir_binary)};
-    if (!ppt) {
-        std::fputs("Error: quovix_property_import_from_cell() returns NULL.\n", stderr);
-        return;
-    }
+    quovix_property_ptr ppt = import_property(opt, cell.get(), nullptr, 0, sf);
+    if (!ppt) return;
     // Species without parameters leave charges or Morse terms that are not numbers; such a
     // set gives no energy rather than "nan".
     const double pair = quovix_cell_calculate_total_energy(cell.get(), ppt.get());

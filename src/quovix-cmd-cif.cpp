@@ -1,49 +1,48 @@
 // Structure commands: print the cell or its symmetry, search the space group, and write
 // the cell back as CIF (full, reduced, P1, with partial occupancies resolved).
 #include <cstdio>
-#include <initializer_list>
 
 #include "quovix-cmd.hpp"
 #include "quovix-import.hpp"
 
 namespace {
 
-void print_lines(std::initializer_list<const char *> lines) {
-    for (const char *line : lines) std::fputs(line, stdout);
-}
+constexpr auto print_lines = &quovix_cmd_print_lines;  // usage blocks, line by line
 
-// Loads the CIF named by the first argument; false (with the handler's error line) on
-// failure, the outputs then null.
-bool load_cell(const QUOVIX_CMD_OPT *opt, const quovix_args &args, quovix_cell_ptr &cell,
-               quovix_symmetry_ptr &sym) {
-    QUOVIX_CELL *c = nullptr;
-    QUOVIX_SYMMETRY *s = nullptr;
-    if (quovix_cell_import_cif_from_file(&c, &s, args.c_str(0), opt->dir_symcards, opt->dir_unitary) != 0) {
-        quovix_cell_free(c);
-        quovix_symmetry_free(s);
-        std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
-        return false;
-    }
-    cell.reset(c);
-    sym.reset(s);
-    return true;
-}
+// What a command that writes the cell back works on: the output name and the input structure.
+struct cif_job {
+    char output[QUOVIX_PATH_LEN];
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+};
 
-// Output file name: the word at `index` (at most 1000 characters of it) when given, else
-// the whole input name with `suffix` appended (Li2O.cif gives Li2O.cif.cif for ".cif").
-void output_name(char out[QUOVIX_PATH_LEN], const quovix_args &args, std::size_t index,
-                 const char *suffix) {
+// Names the output, the word at `index` (at most 1000 characters of it) when given, else the
+// whole input name with `suffix` appended (Li2O.cif gives Li2O.cif.cif for ".cif"), then reads
+// the CIF of the first argument; false after the failure line.
+[[nodiscard]] bool start_job(const QUOVIX_CMD_OPT *opt, const quovix_args &args,
+                             std::size_t index, const char *suffix, cif_job &job) {
     if (args.has(index)) {
-        std::snprintf(out, QUOVIX_PATH_LEN, "%.1000s", args.c_str(index));
+        std::snprintf(job.output, QUOVIX_PATH_LEN, "%.1000s", args.c_str(index));
     } else {
-        quovix_cmd_name_append(out, args.c_str(0), suffix);
+        quovix_cmd_name_append(job.output, args.c_str(0), suffix);
     }
+    return quovix_cmd_read_cif(opt, args.c_str(0), job.cell, job.sym);
 }
 
 void write_cif(const char *name, QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym) {
     if (quovix_cell_export_cif_to_file(name, cell, sym) != 0) {
         std::fputs("Error: quovix_cell_export_cif_to_file() returns non-zero.\n", stderr);
     }
+}
+
+// Writes every atom of `cell` under the identity operation alone.
+void write_cif_p1(const char *name, QUOVIX_CELL *cell) {
+    quovix_symmetry_ptr p1(quovix_symmetry_new_p1());
+    if (!p1) {
+        std::fputs("Error: quovix_symmetry_new_p1() returns NULL.\n", stderr);
+        return;
+    }
+    write_cif(name, cell, p1.get());
 }
 
 }  // namespace
@@ -58,7 +57,7 @@ void quovix_cmd_opt_do_print_cell(QUOVIX_CMD_OPT *opt) {
     }
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
-    if (!load_cell(opt, args, cell, sym)) return;
+    if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
     quovix_cell_print(cell.get());
 }
 
@@ -71,7 +70,7 @@ void quovix_cmd_opt_do_print_sym(QUOVIX_CMD_OPT *opt) {
     }
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
-    if (!load_cell(opt, args, cell, sym)) return;
+    if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
     quovix_symmetry_print(sym.get());
 }
 
@@ -93,7 +92,7 @@ void quovix_cmd_opt_do_cal_sym(QUOVIX_CMD_OPT *opt) {
     }
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
-    if (!load_cell(opt, args, cell, sym)) return;
+    if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
     sym.reset();
     quovix_symmetry_ptr found(quovix_symmetry_calculate_from_cell(cell.get(), tolerance, opt->dir_symcards));
     if (!found) {
@@ -112,12 +111,9 @@ void quovix_cmd_opt_do_gen_cif(QUOVIX_CMD_OPT *opt) {
                      "Example: ./quovix.x --gen-cif Li2O.cif\n"});
         return;
     }
-    char name[QUOVIX_PATH_LEN];
-    output_name(name, args, 1, ".cif");
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-    if (!load_cell(opt, args, cell, sym)) return;
-    write_cif(name, cell.get(), sym.get());
+    cif_job job;
+    if (!start_job(opt, args, 1, ".cif", job)) return;
+    write_cif(job.output, job.cell.get(), job.sym.get());
 }
 
 /// --gen-cif-reduced [input.cif] | {output_name}: writes the cell reduced by its own
@@ -129,22 +125,14 @@ void quovix_cmd_opt_do_gen_cif_reduced(QUOVIX_CMD_OPT *opt) {
                      "Example: ./quovix.x --gen-cif-reduced Li2O.cif\n"});
         return;
     }
-    char name[QUOVIX_PATH_LEN];
-    output_name(name, args, 1, ".reduced.cif");
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-    if (!load_cell(opt, args, cell, sym)) return;
-    quovix_cell_ptr reduced(quovix_cell_reduce_by_symmetry(cell.get(), sym.get()));
+    cif_job job;
+    if (!start_job(opt, args, 1, ".reduced.cif", job)) return;
+    quovix_cell_ptr reduced(quovix_cell_reduce_by_symmetry(job.cell.get(), job.sym.get()));
     if (!reduced) {
         std::fputs("Error: quovix_cell_reduce_by_symmetry() returns NULL.\n", stderr);
         return;
     }
-    quovix_symmetry_ptr p1(quovix_symmetry_new_p1());
-    if (!p1) {
-        std::fputs("Error: quovix_symmetry_new_p1() returns NULL.\n", stderr);
-        return;
-    }
-    write_cif(name, reduced.get(), p1.get());
+    write_cif_p1(job.output, reduced.get());
 }
 
 /// --gen-cif-p1 [input.cif] | {output_name}: writes every atom of the cell in P1; default
@@ -156,17 +144,9 @@ void quovix_cmd_opt_do_gen_cif_p1(QUOVIX_CMD_OPT *opt) {
                      "Example: quovix.x --gen-cif-p1 Li2O.cif\n"});
         return;
     }
-    char name[QUOVIX_PATH_LEN];
-    output_name(name, args, 1, ".p1.cif");
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-    if (!load_cell(opt, args, cell, sym)) return;
-    quovix_symmetry_ptr p1(quovix_symmetry_new_p1());
-    if (!p1) {
-        std::fputs("Error: quovix_symmetry_new_p1() returns NULL.\n", stderr);
-        return;
-    }
-    write_cif(name, cell.get(), p1.get());
+    cif_job job;
+    if (!start_job(opt, args, 1, ".p1.cif", job)) return;
+    write_cif_p1(job.output, job.cell.get());
 }
 
 /// --gen-cif-assign [input.cif] [type] [os] | {output_name}: resolves at random the sites
@@ -185,17 +165,14 @@ void quovix_cmd_opt_do_gen_cif_assign(QUOVIX_CMD_OPT *opt) {
     quovix_cmd_opt_get_type(type, args.c_str(1));
     int os = 0;
     if (!args.read_int(2, os)) return;  // a non-number ends the command without a message
-    char name[QUOVIX_PATH_LEN];
-    output_name(name, args, 3, ".assign.cif");
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-    if (!load_cell(opt, args, cell, sym)) return;
-    quovix_cell_ptr assigned(quovix_cell_assign_partial_occ_at_conducting_site(cell.get(), type, os));
+    cif_job job;
+    if (!start_job(opt, args, 3, ".assign.cif", job)) return;
+    quovix_cell_ptr assigned(quovix_cell_assign_partial_occ_at_conducting_site(job.cell.get(), type, os));
     if (!assigned) {
         std::fputs("Error: quovix_cell_assign_partial_occ_at_conducting_site() returns NULL.\n", stderr);
         return;
     }
-    write_cif(name, assigned.get(), nullptr);
+    write_cif(job.output, assigned.get(), nullptr);
 }
 
 /// --gen-cif-assign-all [input.cif] | {output_name}: resolves every partially occupied
@@ -208,15 +185,12 @@ void quovix_cmd_opt_do_gen_cif_assign_all(QUOVIX_CMD_OPT *opt) {
                      "Example: ./quovix.x --gen-cif-assign-all Li6PS5Cl.cif\n"});
         return;
     }
-    char name[QUOVIX_PATH_LEN];
-    output_name(name, args, 1, ".assign.cif");
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-    if (!load_cell(opt, args, cell, sym)) return;
-    quovix_cell_ptr assigned(quovix_cell_assign_partial_occ_all(cell.get()));
+    cif_job job;
+    if (!start_job(opt, args, 1, ".assign.cif", job)) return;
+    quovix_cell_ptr assigned(quovix_cell_assign_partial_occ_all(job.cell.get()));
     if (!assigned) {
         std::fputs("Error: quovix_cell_assign_partial_occ_all() returns NULL.\n", stderr);
         return;
     }
-    write_cif(name, assigned.get(), nullptr);
+    write_cif(job.output, assigned.get(), nullptr);
 }

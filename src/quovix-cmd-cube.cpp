@@ -115,16 +115,9 @@ void quovix_cmd_opt_do_gen_cube(QUOVIX_CMD_OPT *opt) {
     char assigned[QUOVIX_PATH_LEN];
     quovix_cubename_assigned(assigned, input);
 
-    QUOVIX_CELL *raw_cell = nullptr;
-    QUOVIX_SYMMETRY *raw_symmetry = nullptr;
-    int status = quovix_cell_import_cif_from_file(&raw_cell, &raw_symmetry, input,
-                                                  opt->dir_symcards, opt->dir_unitary);
-    quovix_cell_ptr cell{raw_cell};
-    quovix_symmetry_ptr symmetry{raw_symmetry};
-    if (status != 0) {
-        std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
-        return;
-    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr symmetry;
+    if (!quovix_cmd_read_cif(opt, input, cell, symmetry)) return;
     if (quovix_cube_calculate_from_cell_and_write_to_file_assign_partial_occ(
             cell.get(), symmetry.get(), type, os, sf, resolution, ignore_conducting, periodic,
             skip_mix_occ, output, assigned, opt->dir_unitary, opt->dir_binary) != 0) {

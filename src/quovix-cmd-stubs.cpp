@@ -1,14 +1,9 @@
 // Commands whose calculation is not available in this build: each prints its usage block.
-#include <cstdio>
-#include <initializer_list>
-
 #include "quovix-cmd.hpp"
 
 namespace {
 
-void print_lines(std::initializer_list<const char *> lines) {
-    for (const char *line : lines) std::fputs(line, stdout);
-}
+constexpr auto print_lines = &quovix_cmd_print_lines;  // usage blocks, line by line
 
 }  // namespace
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "quovix-alloc.hpp"
+#include "quovix-import.hpp"
 
 namespace {
 
@@ -416,4 +417,25 @@ void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input,
     std::size_t n = std::strlen(base);
     if (n > 3) base[n - 4] = '\0';
     std::snprintf(out, QUOVIX_PATH_LEN, "%s%s", base, suffix ? suffix : "");
+}
+
+bool quovix_cmd_read_cif(const QUOVIX_CMD_OPT *opt, const char *path, quovix_cell_ptr &cell,
+                         quovix_symmetry_ptr &symmetry) {
+    QUOVIX_CELL *c = nullptr;
+    QUOVIX_SYMMETRY *s = nullptr;
+    const int status =
+        quovix_cell_import_cif_from_file(&c, &s, path, opt->dir_symcards, opt->dir_unitary);
+    cell.reset(c);
+    symmetry.reset(s);
+    if (status != 0) {
+        cell.reset();
+        symmetry.reset();
+        std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
+        return false;
+    }
+    return true;
+}
+
+void quovix_cmd_print_lines(std::initializer_list<const char *> lines) {
+    for (const char *line : lines) std::fputs(line, stdout);
 }

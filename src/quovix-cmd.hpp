@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
 #include <span>
 #include <string_view>
 
+#include "quovix-alloc.hpp"  // owners of the cell and symmetry a handler reads
 #include "quovix.hpp"
 
 /// Context of one run; built by quovix_cmd_opt_init, freed by quovix_cmd_opt_free.
@@ -51,6 +53,14 @@ struct quovix_args {
 void quovix_cmd_name_append(char out[QUOVIX_PATH_LEN], const char *input, const char *suffix);
 /// Output name: input name without its last four characters (when longer than three) + suffix.
 void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input, const char *suffix);
+
+/// Reads the CIF `path` with the run's data files into `cell` and `symmetry`, which then own
+/// the records. On failure both end up null, "Error: quovix_cell_import_cif_from_file() returns
+/// non-zero." is printed and the result is false.
+[[nodiscard]] bool quovix_cmd_read_cif(const QUOVIX_CMD_OPT *opt, const char *path,
+                                       quovix_cell_ptr &cell, quovix_symmetry_ptr &symmetry);
+/// Prints each line as given (the lines carry their own line ends) on standard output.
+void quovix_cmd_print_lines(std::initializer_list<const char *> lines);
 
 // Handlers: each prints its own usage block when compulsory arguments are missing.
 void quovix_cmd_opt_do_print_version(QUOVIX_CMD_OPT *opt);

@@ -987,17 +987,21 @@ int quovix_cube_calculate_from_cell_and_write_to_file_assign_partial_occ(
         std::fputs("Error: QUOVIX_CELL has not been properly initialized.\n", stderr);
         return 1;
     }
-    if (!quovix_cell_partial_occ_at_conducting_site(cell, type, os)) {
+    // The landscape of `target` written to `filename`; 1 after the failure line.
+    const auto write_landscape = [&](QUOVIX_CELL *target, QUOVIX_SYMMETRY *target_symmetry) {
         if (quovix_cube_calculate_from_cell_and_write_to_file(
-                cell, symmetry, type, os, sf, resolution, ignore_conducting, periodic, filename,
-                dir_unitary, dir_binary) != 0) {
-            std::fputs(
-                "Error: quovix_cube_calculate_from_cell_and_write_to_file() returns "
-                "non-zero.\n",
-                stderr);
-            return 1;
+                target, target_symmetry, type, os, sf, resolution, ignore_conducting, periodic,
+                filename, dir_unitary, dir_binary) == 0) {
+            return 0;
         }
-        return 0;
+        std::fputs(
+            "Error: quovix_cube_calculate_from_cell_and_write_to_file() returns "
+            "non-zero.\n",
+            stderr);
+        return 1;
+    };
+    if (!quovix_cell_partial_occ_at_conducting_site(cell, type, os)) {
+        return write_landscape(cell, symmetry);
     }
     if (skip_mix_occ) {
         std::puts(
@@ -1022,14 +1026,5 @@ int quovix_cube_calculate_from_cell_and_write_to_file_assign_partial_occ(
         std::fputs("Error: quovix_cell_export_cif_to_file() returns non-zero.\n", stderr);
         return 1;
     }
-    if (quovix_cube_calculate_from_cell_and_write_to_file(super.get(), p1.get(), type, os, sf,
-                                                          resolution, ignore_conducting, periodic,
-                                                          filename, dir_unitary, dir_binary) != 0) {
-        std::fputs(
-            "Error: quovix_cube_calculate_from_cell_and_write_to_file() returns "
-            "non-zero.\n",
-            stderr);
-        return 1;
-    }
-    return 0;
+    return write_landscape(super.get(), p1.get());
 }

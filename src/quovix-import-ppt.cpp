@@ -965,42 +965,34 @@ int quovix_property_validate_generic(QUOVIX_PROPERTY *ppt) {
             return 1;
         }
     }
+    static constexpr quovix_pair_check pair_checks[] = {
+        {"cutoff", &QUOVIX_PROPERTY_BINARY::cutoff}, {"b", &QUOVIX_PROPERTY_BINARY::b},
+        {"cn", &QUOVIX_PROPERTY_BINARY::cn},         {"r0", &QUOVIX_PROPERTY_BINARY::r0},
+        {"d0", &QUOVIX_PROPERTY_BINARY::d0},         {"rmin", &QUOVIX_PROPERTY_BINARY::rmin}};
+    return quovix_property_validate_pairs(ppt, pair_checks);
+}
+
+/// Positivity of the listed parameters of every cation-anion pair; see the header.
+int quovix_property_validate_pairs(const QUOVIX_PROPERTY *ppt,
+                                   std::span<const quovix_pair_check> checks) {
+    if (ppt == nullptr || (ppt->total > 0 && (ppt->os == nullptr || ppt->bin == nullptr))) {
+        std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
+        return 1;
+    }
     for (int i = 0; i < ppt->total; ++i) {
         if (ppt->os[i] <= 0) continue;
         for (int j = 0; j < ppt->total; ++j) {
             if (ppt->os[j] >= 0) continue;
             const QUOVIX_PROPERTY_BINARY &b = ppt->bin[i][j];
-            const int a1 = quovix_abs_os(b.os1), a2 = quovix_abs_os(b.os2);
-            const char s1 = quovix_sign_char(b.os1), s2 = quovix_sign_char(b.os2);
-            if (b.cutoff <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect cutoff at [%d](%s%d%c)-(%s%d%c) cutoff=%f\n",
-                             i, b.type1, a1, s1, b.type2, a2, s2, b.cutoff);
-                return 1;
-            }
-            if (b.b <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect b at [%d](%s%d%c)-(%s%d%c) b=%f\n", i,
-                             b.type1, a1, s1, b.type2, a2, s2, b.b);
-                return 1;
-            }
-            if (b.cn <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect cn at [%d](%s%d%c)-(%s%d%c) cn=%f\n", i,
-                             b.type1, a1, s1, b.type2, a2, s2, b.cn);
-                return 1;
-            }
-            if (b.r0 <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect r0 at [%d](%s%d%c)-(%s%d%c) r0=%f\n", i,
-                             b.type1, a1, s1, b.type2, a2, s2, b.r0);
-                return 1;
-            }
-            if (b.d0 <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect d0 at [%d](%s%d%c)-(%s%d%c) d0=%f\n", i,
-                             b.type1, a1, s1, b.type2, a2, s2, b.d0);
-                return 1;
-            }
-            if (b.rmin <= 0.0) {
-                std::fprintf(stderr, "Error: incorrect rmin at [%d](%s%d%c)-(%s%d%c) rmin=%f\n",
-                             i, b.type1, a1, s1, b.type2, a2, s2, b.rmin);
-                return 1;
+            for (const quovix_pair_check &check : checks) {
+                const double value = b.*check.value;
+                if (value <= 0.0) {
+                    std::fprintf(stderr, "Error: incorrect %s at [%d](%s%d%c)-(%s%d%c) %s=%f\n",
+                                 check.name, i, b.type1, quovix_abs_os(b.os1),
+                                 quovix_sign_char(b.os1), b.type2, quovix_abs_os(b.os2),
+                                 quovix_sign_char(b.os2), check.name, value);
+                    return 1;
+                }
             }
         }
     }

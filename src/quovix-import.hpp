@@ -2,6 +2,8 @@
 // parameter sets and pair functions.
 #pragma once
 
+#include <span>  // lists of pair-parameter checks
+
 #include "quovix-alloc.hpp"
 
 // ======================================================================
@@ -148,6 +150,17 @@ int quovix_property_binary_pseudopotential(QUOVIX_PROPERTY *ppt);
 int quovix_property_calculate_type_count(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell);
 int quovix_property_calculate_unitary_eam_parameter(QUOVIX_PROPERTY *ppt);
 int quovix_property_validate_generic(QUOVIX_PROPERTY *ppt);
+/// A pair parameter that must be positive, with the name its error line shows.
+struct quovix_pair_check {
+    const char *name;
+    double QUOVIX_PROPERTY_BINARY::*value;
+};
+/// Checks the listed parameters of every cation-anion pair of the set (cation rows, then anion
+/// columns, parameters in list order). The first one that is not positive is printed as
+/// "Error: incorrect <name> at [i](<cation>)-(<anion>) <name>=<value>" and gives 1; 0 when all
+/// pass. `os` and `bin` must be allocated for `total` species.
+int quovix_property_validate_pairs(const QUOVIX_PROPERTY *ppt,
+                                   std::span<const quovix_pair_check> checks);
 int quovix_property_find_index(QUOVIX_PROPERTY *ppt, const char *type, int os);
 
 // ======================================================================

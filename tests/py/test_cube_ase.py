@@ -6,7 +6,6 @@ shape, the voxel vectors (against --print-cube and against the CIF lattice divid
 counts), every value (against the text of the file), the repeated boundary planes of the
 non-periodic file, and the atoms of the header (against the CIF positions).
 """
-import math
 import os
 import shutil
 import subprocess
@@ -16,10 +15,10 @@ import tempfile
 import numpy as np
 from ase.io.cube import read_cube_data
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-EXE = os.environ.get("QUOVIX_EXE", os.path.join(ROOT, "build", "quovix.x"))
-CIF = os.path.join(ROOT, "examples", "LiFePO4.cif")
-DEG = 0.0174532925  # the program's degree factor
+sys.dont_write_bytecode = True  # importing the shared module leaves no cache in tests/
+from quovix_testlib import EXAMPLE_CIF as CIF, EXE, cube_lines, cube_values, element, \
+    fractional, read_cif_sites
+
 failures = []
 
 
@@ -37,36 +36,13 @@ def run(args, cwd):
 
 
 def read_cif(path):
-    """Lattice rows (program convention: a along x, b in the xy plane) and atoms of a P1 CIF."""
-    par, atoms, cols, in_loop = {}, [], [], False
-    for line in open(path):
-        w = line.split()
-        if not w or w[0].startswith("#"):
-            continue
-        if w[0].startswith("_cell_"):
-            par[w[0]] = float(w[1])
-        if w[0] == "loop_":
-            cols, in_loop = [], True
-            continue
-        if in_loop and w[0].startswith("_"):
-            cols.append(w[0])
-            continue
-        if in_loop and "_atom_site_fract_x" in cols and len(w) == len(cols):
-            rec = dict(zip(cols, w))
-            atoms.append((rec["_atom_site_type_symbol"].rstrip("+-0123456789"),
-                          [float(rec["_atom_site_fract_" + c]) for c in "xyz"]))
-    a, b, c = (par["_cell_length_" + k] for k in "abc")
-    al, be, ga = (par["_cell_angle_" + k] * DEG for k in ("alpha", "beta", "gamma"))
-    a1 = [b * math.cos(ga), b * math.sin(ga), 0.0]
-    a2x = c * math.cos(be)
-    a2y = (b * c * math.cos(al) - a2x * a1[0]) / a1[1]
-    lat = np.array([[a, 0.0, 0.0], a1, [a2x, a2y, math.sqrt(c * c - a2x * a2x - a2y * a2y)]])
-    return lat, atoms
+    """Lattice rows and (element, fractional position) of the atoms of a P1 CIF."""
+    _, lat, rows = read_cif_sites(path)
+    return lat, [(element(r["_atom_site_type_symbol"]), fractional(r)) for r in rows]
 
 
 def file_values(path, natom):
-    lines = open(path, "rb").read().split(b"\r\n")
-    return np.array([float(x) for x in lines[6 + natom:] if x.strip()])
+    return cube_values(cube_lines(path), natom)
 
 
 def printed_voxels(out):

@@ -18,12 +18,12 @@ import tempfile
 
 import numpy as np
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-EXE = os.environ.get("QUOVIX_EXE", os.path.join(ROOT, "build", "quovix.x"))
-CIF = os.path.join(ROOT, "examples", "LiFePO4.cif")
+sys.dont_write_bytecode = True  # importing the shared module leaves no cache in tests/
+from quovix_testlib import EXAMPLE_CIF as CIF, EXE, ROOT, cube_lines, cube_values, element, \
+    fractional, read_cif_sites
+
 UNITARY = os.path.join(ROOT, "data", "database_unitary.dat")
 BINARY = os.path.join(ROOT, "data", "database_binary.dat")
-DEG = 0.0174532925
 SF = 0.9
 RESOLUTION = "0.4"
 
@@ -56,35 +56,18 @@ def pair(s1, o1, s2, o2):
 
 
 def read_cif(path):
-    par, atoms, cols, in_loop = {}, [], [], False
-    for line in open(path):
-        w = line.split()
-        if not w or w[0].startswith("#"):
-            continue
-        if w[0].startswith("_cell_"):
-            par[w[0]] = float(w[1])
-        if w[0] == "loop_":
-            cols, in_loop = [], True
-            continue
-        if in_loop and w[0].startswith("_"):
-            cols.append(w[0])
-            continue
-        if in_loop and "_atom_site_fract_x" in cols and len(w) == len(cols):
-            rec = dict(zip(cols, w))
-            t = rec["_atom_site_type_symbol"]
-            sym = t.rstrip("+-0123456789")
-            num = t[len(sym):]
-            os_ = int(num[:-1]) * (-1 if num.endswith("-") else 1)
-            f = [float(rec["_atom_site_fract_" + c]) for c in "xyz"]
-            f = [x - math.floor(x) for x in f]
-            atoms.append((sym, os_, f, float(rec["_atom_site_occupancy"])))
-    a, b, c = (par["_cell_length_" + k] for k in "abc")
-    al, be, ga = (par["_cell_angle_" + k] * DEG for k in ("alpha", "beta", "gamma"))
-    a1 = [b * math.cos(ga), b * math.sin(ga), 0.0]
-    a2x = c * math.cos(be)
-    a2y = (b * c * math.cos(al) - a2x * a1[0]) / a1[1]
-    lat = np.array([[a, 0.0, 0.0], a1, [a2x, a2y, math.sqrt(c * c - a2x * a2x - a2y * a2y)]])
-    return lat, (a, b, c), atoms
+    """Lattice rows, cell lengths and (element, os, fractional position in [0, 1), occupancy)
+    of the atoms of a P1 CIF whose type symbols carry the oxidation states."""
+    lengths, lat, rows = read_cif_sites(path)
+    atoms = []
+    for rec in rows:
+        t = rec["_atom_site_type_symbol"]
+        sym = element(t)
+        num = t[len(sym):]
+        os_ = int(num[:-1]) * (-1 if num.endswith("-") else 1)
+        f = [x - math.floor(x) for x in fractional(rec)]
+        atoms.append((sym, os_, f, float(rec["_atom_site_occupancy"])))
+    return lat, lengths, atoms
 
 
 def morse(x, d0, rmin, b):
@@ -221,10 +204,10 @@ def main():
         if res.returncode != 0 or res.stderr:
             print("FAIL: --gen-cube:", res.stderr)
             return 1
-        lines = open(os.path.join(work, "LiFePO4.cube"), "rb").read().split(b"\r\n")
+        lines = cube_lines(os.path.join(work, "LiFePO4.cube"))
         n = [int(lines[k].split()[0]) for k in (3, 4, 5)]
         natom = int(lines[2].split()[0])
-        vals = np.array([float(v) for v in lines[6 + natom:] if v.strip()]).reshape(n)
+        vals = cube_values(lines, natom).reshape(n)
     finally:
         shutil.rmtree(work, ignore_errors=True)
 

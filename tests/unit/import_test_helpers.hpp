@@ -1,4 +1,5 @@
-// Helpers shared by the structure tests (CIF reader, symmetry, cell operations).
+// Helpers shared by the structure and parameter tests (CIF reader, symmetry, cell operations,
+// parameter sets, bond valence sums, energies): data files, captured output, test cells.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -19,13 +21,18 @@ inline std::string data_file(const std::string &name) {
 }
 inline std::string symcards() { return std::string(QUOVIX_DATA_DIR) + "/database_symcards.dat"; }
 inline std::string unitary() { return std::string(QUOVIX_DATA_DIR) + "/database_unitary.dat"; }
+inline std::string binary() { return std::string(QUOVIX_DATA_DIR) + "/database_binary.dat"; }
 
-/// Writes `content` to a fresh file in the test temp directory and returns its path.
-inline std::string write_temp(const std::string &name, const std::string &content) {
-    const std::string path = testing::TempDir() + "quovix_import_" + name;
+/// Writes `content` to the file `file_name` of the test temp directory and returns its path.
+/// Each test program uses its own prefix, so that programs run in parallel never share a file.
+inline std::string write_temp_file(const std::string &file_name, const std::string &content) {
+    const std::string path = testing::TempDir() + file_name;
     std::ofstream out(path, std::ios::binary);
     out << content;
     return path;
+}
+inline std::string write_temp(const std::string &name, const std::string &content) {
+    return write_temp_file("quovix_import_" + name, content);
 }
 
 /// Rows of a text as the CIF reader sees them (split at LF, CRs kept).
@@ -103,7 +110,7 @@ struct AtomInit {
 
 /// A cell with the given constants and atoms (Cartesian positions filled in).
 inline quovix_cell_ptr make_cell(const double par[3], const double ang[3],
-                                 std::initializer_list<AtomInit> atoms) {
+                                 std::span<const AtomInit> atoms) {
     quovix_cell_ptr cell(quovix_cell_new(static_cast<long>(atoms.size())));
     for (int k = 0; k < 3; ++k) {
         cell->parameter[k] = par[k];
@@ -112,8 +119,8 @@ inline quovix_cell_ptr make_cell(const double par[3], const double ang[3],
     long i = 0;
     for (const AtomInit &s : atoms) {
         QUOVIX_ATOM &a = cell->atom[i++];
-        std::strncpy(a.name, s.name, sizeof a.name - 1);
-        std::strncpy(a.type, s.type, sizeof a.type - 1);
+        std::snprintf(a.name, sizeof a.name, "%s", s.name);  // truncated to the field
+        std::snprintf(a.type, sizeof a.type, "%s", s.type);
         a.os = s.os;
         a.x_f[0] = s.x;
         a.x_f[1] = s.y;
@@ -123,10 +130,51 @@ inline quovix_cell_ptr make_cell(const double par[3], const double ang[3],
     quovix_cell_update_cartesion(cell.get());
     return cell;
 }
+inline quovix_cell_ptr make_cell(const double par[3], const double ang[3],
+                                 std::initializer_list<AtomInit> atoms) {
+    return make_cell(par, ang, std::span<const AtomInit>(atoms.begin(), atoms.size()));
+}
 
 inline quovix_cell_ptr cubic_cell(double a, std::initializer_list<AtomInit> atoms) {
     const double par[3] = {a, a, a}, ang[3] = {90.0, 90.0, 90.0};
     return make_cell(par, ang, atoms);
+}
+
+/// One atom of a cubic test cell given by its species.
+struct Species {
+    const char *type;
+    int os;
+    double x, y, z, occ;
+};
+enum class Labels { numbered, none };
+
+/// Cubic cell of edge `a` with the atoms in the given order, labelled by symbol and 1-based
+/// position ("Na1", "Cl2") or left without labels.
+inline quovix_cell_ptr species_cell(double a, std::initializer_list<Species> sites,
+                                    Labels labels = Labels::numbered) {
+    std::vector<std::string> names;
+    for (const Species &s : sites) {
+        names.push_back(labels == Labels::numbered
+                            ? std::string(s.type) + std::to_string(names.size() + 1)
+                            : std::string());
+    }
+    std::vector<AtomInit> atoms;
+    std::size_t i = 0;
+    for (const Species &s : sites) {
+        atoms.push_back({names[i++].c_str(), s.type, s.os, s.x, s.y, s.z, s.occ});
+    }
+    const double par[3] = {a, a, a}, ang[3] = {90.0, 90.0, 90.0};
+    return make_cell(par, ang, atoms);
+}
+
+/// The parameter set of a cell from the shipped parameter files with a given screening
+/// factor (no fit), its messages swallowed; null on failure.
+inline quovix_property_ptr quiet_property(QUOVIX_CELL *cell, double sf) {
+    testing::internal::CaptureStdout();
+    quovix_property_ptr ppt{quovix_property_import_from_cell(cell, nullptr, 0, sf,
+                                                             unitary().c_str(), binary().c_str())};
+    testing::internal::GetCapturedStdout();
+    return ppt;
 }
 
 /// Byte-exact comparison of two atom arrays (order, coordinates, labels, marks).

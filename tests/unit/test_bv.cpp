@@ -7,31 +7,22 @@
 #include <initializer_list>
 #include <string>
 
+#include "import_test_helpers.hpp"
 #include "quovix-alloc.hpp"
 #include "quovix-bv.hpp"
 #include "quovix-import.hpp"
 
 namespace {
 
-const std::string kUnitary = std::string(QUOVIX_DATA_DIR) + "/database_unitary.dat";
-const std::string kBinary = std::string(QUOVIX_DATA_DIR) + "/database_binary.dat";
-const std::string kSymcards = std::string(QUOVIX_DATA_DIR) + "/database_symcards.dat";
+using test_import::Species;
 
-struct loaded {
-    quovix_cell_ptr cell;
-    quovix_symmetry_ptr sym;
-};
+const std::string kUnitary = test_import::unitary();
+const std::string kBinary = test_import::binary();
 
-loaded read_cif(const std::string &name) {
-    const std::string path = std::string(QUOVIX_TEST_DATA_DIR) + "/" + name;
-    QUOVIX_CELL *cell = nullptr;
-    QUOVIX_SYMMETRY *sym = nullptr;
-    testing::internal::CaptureStdout();
-    const int status = quovix_cell_import_cif_from_file(&cell, &sym, path.c_str(),
-                                                        kSymcards.c_str(), kUnitary.c_str());
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(status, 0) << name;
-    return {quovix_cell_ptr{cell}, quovix_symmetry_ptr{sym}};
+test_import::Loaded read_cif(const std::string &name) {
+    test_import::Loaded in = test_import::load(test_import::data_file(name));
+    EXPECT_EQ(in.status, 0) << name;
+    return in;
 }
 
 quovix_bv_ptr bv_of(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym) {
@@ -49,42 +40,15 @@ QUOVIX_PROPERTY_BINARY pair_data(const char *cation, int os1, const char *anion,
     return b;
 }
 
-struct site {
-    const char *type;
-    int os;
-    double x, y, z, occ;
-};
-
 // Cubic cell whose atoms are each their own site (flag = position in the list + 1).
-quovix_cell_ptr make_flagged_cell(double a, std::initializer_list<site> sites) {
-    quovix_cell_ptr cell{quovix_cell_new(static_cast<long>(sites.size()))};
-    for (int k = 0; k < 3; ++k) {
-        cell->parameter[k] = a;
-        cell->angle[k] = 90.0;
-    }
-    long i = 0;
-    for (const site &s : sites) {
-        QUOVIX_ATOM &at = cell->atom[i];
-        const std::string name = std::string(s.type) + std::to_string(i + 1);
-        std::snprintf(at.name, sizeof at.name, "%s", name.c_str());
-        std::snprintf(at.type, sizeof at.type, "%s", s.type);
-        at.os = s.os;
-        at.x_f[0] = s.x;
-        at.x_f[1] = s.y;
-        at.x_f[2] = s.z;
-        at.occ = s.occ;
-        at.flag = ++i;
-    }
-    quovix_cell_update_cartesion(cell.get());
+quovix_cell_ptr make_flagged_cell(double a, std::initializer_list<Species> sites) {
+    quovix_cell_ptr cell = test_import::species_cell(a, sites);
+    for (long i = 0; i < cell->total; ++i) cell->atom[i].flag = i + 1;
     return cell;
 }
 
 quovix_property_ptr property_of(QUOVIX_CELL *cell) {
-    testing::internal::CaptureStdout();
-    quovix_property_ptr ppt{quovix_property_import_from_cell(cell, nullptr, 0, 0.75,
-                                                             kUnitary.c_str(), kBinary.c_str())};
-    testing::internal::GetCapturedStdout();
-    return ppt;
+    return test_import::quiet_property(cell, 0.75);
 }
 
 // A record of one site of oxidation state 0 whose sum is g, so that GII = g exactly.

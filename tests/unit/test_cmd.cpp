@@ -168,3 +168,32 @@ TEST(OutputNames, AppendOrReplaceTheLastFourCharacters) {
     quovix_cmd_name_append(out, longname.c_str(), ".p1.cif");
     EXPECT_EQ(std::string(out), std::string(1000, 'a') + ".p1.cif");
 }
+
+// The CIF reader shared by the handlers: owned records on success; on failure both null and
+// the handler's line closing the reader's chain.
+TEST(ReadCif, OwnsBothRecordsOrPrintsTheChain) {
+    Argv a({std::string(QUOVIX_DATA_DIR) + "/quovix.x", "--cal-bv"});  // data files beside it
+    opt_ptr opt = make_opt(a);
+    ASSERT_TRUE(opt);
+
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    testing::internal::CaptureStdout();
+    const bool ok = quovix_cmd_read_cif(
+        opt.get(), (std::string(QUOVIX_TEST_DATA_DIR) + "/NaCl_rocksalt.cif").c_str(), cell, sym);
+    testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(ok);
+    ASSERT_TRUE(cell && sym);
+    EXPECT_EQ(cell->total, 8);
+
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(quovix_cmd_read_cif(opt.get(), "/nonexistent/x.cif", cell, sym));
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Error: unable to open /nonexistent/x.cif\n"
+              "Error: quovix_text_import_from_file() returns NULL.\n"
+              "Error: quovix_cell_import_cif_from_file() returns non-zero.\n");
+    EXPECT_FALSE(cell);
+    EXPECT_FALSE(sym);
+}

@@ -2,53 +2,26 @@
 // fractional charges, embedding parameter and validation.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <initializer_list>
 #include <string>
 
+#include "import_test_helpers.hpp"
 #include "quovix-alloc.hpp"
 #include "quovix-import.hpp"
 
 namespace {
 
-const std::string kUnitary = std::string(QUOVIX_DATA_DIR) + "/database_unitary.dat";
-const std::string kBinary = std::string(QUOVIX_DATA_DIR) + "/database_binary.dat";
+using test_import::Species;
+using test_import::species_cell;
+
+const std::string kUnitary = test_import::unitary();
+const std::string kBinary = test_import::binary();
 
 std::string write_temp(const std::string &name, const std::string &text) {
-    const std::string path = testing::TempDir() + "quovix_test_ppt_" + name;
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-}
-
-struct site {
-    const char *type;
-    int os;
-    double x, y, z, occ;
-};
-
-// Cubic cell of edge a with the given atoms (positions are irrelevant to most tests here).
-quovix_cell_ptr make_cell(double a, std::initializer_list<site> sites) {
-    quovix_cell_ptr cell{quovix_cell_new(static_cast<long>(sites.size()))};
-    for (int k = 0; k < 3; ++k) {
-        cell->parameter[k] = a;
-        cell->angle[k] = 90.0;
-    }
-    long i = 0;
-    for (const site &s : sites) {
-        QUOVIX_ATOM &at = cell->atom[i];
-        const std::string name = std::string(s.type) + std::to_string(i + 1);
-        std::snprintf(at.name, sizeof at.name, "%s", name.c_str());
-        std::snprintf(at.type, sizeof at.type, "%s", s.type);
-        at.os = s.os;
-        at.x_f[0] = s.x;
-        at.x_f[1] = s.y;
-        at.x_f[2] = s.z;
-        at.occ = s.occ;
-        ++i;
-    }
-    quovix_cell_update_cartesion(cell.get());
-    return cell;
+    return test_import::write_temp_file("quovix_test_ppt_" + name, text);
 }
 
 // Species list plus file data only (no derived stages), for stage-by-stage tests.
@@ -171,10 +144,10 @@ TEST(PropertyRead, ElementLookupAndHardnessTable) {
 // ----------------------------------------------------------------------------- species list
 
 TEST(PropertySpecies, FollowsTheAtomSortAndLabelsEveryRecord) {
-    auto cell = make_cell(5.0, {{"O", -2, 0.5, 0.5, 0.5, 1.0},
-                                {"Li", 1, 0.0, 0.0, 0.0, 1.0},
-                                {"O", -2, 0.0, 0.5, 0.5, 1.0},
-                                {"Li", 1, 0.5, 0.0, 0.0, 0.5}});
+    auto cell = species_cell(5.0, {{"O", -2, 0.5, 0.5, 0.5, 1.0},
+                                   {"Li", 1, 0.0, 0.0, 0.0, 1.0},
+                                   {"O", -2, 0.0, 0.5, 0.5, 1.0},
+                                   {"Li", 1, 0.5, 0.0, 0.0, 0.5}});
     quovix_property_ptr ppt{quovix_property_new(0)};
     ASSERT_EQ(quovix_property_update_index_by_cell(ppt.get(), cell.get()), 0);
     ASSERT_EQ(ppt->total, 2);
@@ -205,7 +178,7 @@ TEST(PropertySpecies, FollowsTheAtomSortAndLabelsEveryRecord) {
 }
 
 TEST(PropertySpecies, MobileSpeciesAbsentFromTheCellIsAppendedWithAllPairs) {
-    auto cell = make_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0}, {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
+    auto cell = species_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0}, {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
     testing::internal::CaptureStdout();
     quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), "Li", 1, 0.75,
                                                              kUnitary.c_str(), kBinary.c_str())};
@@ -263,9 +236,9 @@ TEST(PropertyEstimate, HalideAndSulfidePairsBorrowFromFluorideAndOxide) {
 TEST(PropertyDerived, EffectiveBAveragesTheCationsBondsOverAllAnionAtoms) {
     const std::string uni = write_temp("unitary.dat", kSmallUnitary);
     const std::string bin = write_temp("binary.dat", kSmallBinary);
-    auto cell = make_cell(6.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
-                                {"O", -2, 0.5, 0.5, 0.5, 1.0},
-                                {"S", -2, 0.5, 0.0, 0.0, 0.5}});
+    auto cell = species_cell(6.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
+                                   {"O", -2, 0.5, 0.5, 0.5, 1.0},
+                                   {"S", -2, 0.5, 0.0, 0.0, 0.5}});
     auto ppt = read_set(cell.get(), uni, bin);
     ASSERT_EQ(quovix_property_calculate_effective_b(ppt.get(), cell.get()), 0);
     const double avg = (1.0 * 0.5 + 0.5 * 0.6) / 1.5;
@@ -280,9 +253,9 @@ TEST(PropertyDerived, EffectiveBAveragesTheCationsBondsOverAllAnionAtoms) {
 // Reference values of the parameter data: rmin and the well depth in eV of Li+-O2- and
 // Na+-O2- computed from the published R0, b, CN and softness.
 TEST(PropertyDerived, MorseParametersMatchTheParameterDataReference) {
-    auto cell = make_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
-                                {"Na", 1, 0.5, 0.5, 0.5, 1.0},
-                                {"O", -2, 0.5, 0.0, 0.0, 1.0}});
+    auto cell = species_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
+                                   {"Na", 1, 0.5, 0.5, 0.5, 1.0},
+                                   {"O", -2, 0.5, 0.0, 0.0, 1.0}});
     testing::internal::CaptureStdout();
     quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, 0.75,
                                                              kUnitary.c_str(), kBinary.c_str())};
@@ -323,7 +296,7 @@ TEST(PropertyDerived, MissingSoftnessLeavesRminZeroWithAWarning) {
         "DATA_START\n3 Li 1 1 6.941 2 1 0 1.28 0.0285\n8 O -2 -2 15.9994 2 16 1 0.66 0.0\n"
         "DATA_END\n");
     const std::string bin = write_temp("binary.dat", kSmallBinary);
-    auto cell = make_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0}, {"O", -2, 0.5, 0.5, 0.5, 0.5}});
+    auto cell = species_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0}, {"O", -2, 0.5, 0.5, 0.5, 0.5}});
     auto ppt = read_set(cell.get(), uni, bin);
     ASSERT_EQ(quovix_property_unitary_derived(ppt.get()), 0);
     testing::internal::CaptureStderr();
@@ -336,9 +309,9 @@ TEST(PropertyDerived, MissingSoftnessLeavesRminZeroWithAWarning) {
 }
 
 TEST(PropertyCharge, ScalesCationsAndAnionsToNeutrality) {
-    auto cell = make_cell(4.6, {{"Li", 1, 0.25, 0.25, 0.25, 1.0},
-                                {"Li", 1, 0.75, 0.75, 0.75, 1.0},
-                                {"O", -2, 0.0, 0.0, 0.0, 1.0}});
+    auto cell = species_cell(4.6, {{"Li", 1, 0.25, 0.25, 0.25, 1.0},
+                                   {"Li", 1, 0.75, 0.75, 0.75, 1.0},
+                                   {"O", -2, 0.0, 0.0, 0.0, 1.0}});
     auto ppt = read_set(cell.get(), kUnitary, kBinary);
     ASSERT_EQ(quovix_property_calculate_fractional_charge(ppt.get(), cell.get()), 0);
     // Li counts as period 1, O as period 2: S+ = 2, S- = -2/sqrt(2).
@@ -349,10 +322,10 @@ TEST(PropertyCharge, ScalesCationsAndAnionsToNeutrality) {
 TEST(PropertyCharge, CapsAChargeAboveItsOxidationState) {
     const std::string uni = write_temp("unitary.dat", kSmallUnitary);
     const std::string bin = write_temp("binary.dat", kSmallBinary);
-    auto cell = make_cell(5.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
-                                {"Co", 3, 0.5, 0.5, 0.5, 1.0},
-                                {"O", -2, 0.5, 0.0, 0.0, 1.0},
-                                {"O", -2, 0.0, 0.5, 0.0, 1.0}});
+    auto cell = species_cell(5.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
+                                   {"Co", 3, 0.5, 0.5, 0.5, 1.0},
+                                   {"O", -2, 0.5, 0.0, 0.0, 1.0},
+                                   {"O", -2, 0.0, 0.5, 0.0, 1.0}});
     auto ppt = read_set(cell.get(), uni, bin);
     testing::internal::CaptureStdout();
     ASSERT_EQ(quovix_property_calculate_fractional_charge(ppt.get(), cell.get()), 0);
@@ -366,7 +339,7 @@ TEST(PropertyCharge, CapsAChargeAboveItsOxidationState) {
 }
 
 TEST(PropertyCharge, CellWithOnlyCationsIsNotNeutral) {
-    auto cell = make_cell(4.0, {{"Na", 1, 0.0, 0.0, 0.0, 1.0}, {"Na", 1, 0.5, 0.5, 0.5, 1.0}});
+    auto cell = species_cell(4.0, {{"Na", 1, 0.0, 0.0, 0.0, 1.0}, {"Na", 1, 0.5, 0.5, 0.5, 1.0}});
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, 0.75,
@@ -382,13 +355,13 @@ TEST(PropertyCharge, CellWithOnlyCationsIsNotNeutral) {
 TEST(PropertyEam, AveragesOverOppositeSignPartnersWeightedByCount) {
     const std::string uni = write_temp("unitary.dat", kSmallUnitary);
     const std::string bin = write_temp("binary.dat", kSmallBinary);
-    auto cell = make_cell(6.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
-                                {"Li", 1, 0.5, 0.5, 0.0, 1.0},
-                                {"O", -2, 0.5, 0.5, 0.5, 1.0},
-                                {"S", -2, 0.0, 0.5, 0.5, 1.0},
-                                {"S", -2, 0.5, 0.0, 0.5, 1.0},
-                                {"S", -2, 0.0, 0.0, 0.5, 1.0},
-                                {"Co", 0, 0.2, 0.2, 0.2, 1.0}});
+    auto cell = species_cell(6.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
+                                   {"Li", 1, 0.5, 0.5, 0.0, 1.0},
+                                   {"O", -2, 0.5, 0.5, 0.5, 1.0},
+                                   {"S", -2, 0.0, 0.5, 0.5, 1.0},
+                                   {"S", -2, 0.5, 0.0, 0.5, 1.0},
+                                   {"S", -2, 0.0, 0.0, 0.5, 1.0},
+                                   {"Co", 0, 0.2, 0.2, 0.2, 1.0}});
     testing::internal::CaptureStdout();
     quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, 0.75,
                                                              uni.c_str(), bin.c_str())};
@@ -411,7 +384,7 @@ TEST(PropertyEam, AveragesOverOppositeSignPartnersWeightedByCount) {
 }
 
 TEST(PropertyValidate, ReportsTheFirstFaultWithItsSpecies) {
-    auto cell = make_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0}, {"O", -2, 0.5, 0.5, 0.5, 0.5}});
+    auto cell = species_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0}, {"O", -2, 0.5, 0.5, 0.5, 0.5}});
     const std::string bin = write_temp("binary.dat", kSmallBinary);
     testing::internal::CaptureStdout();
     quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, 0.75,
@@ -449,8 +422,49 @@ TEST(PropertyValidate, ReportsTheFirstFaultWithItsSpecies) {
     }
 }
 
+// The pair checks shared by the generic and the bond-valence validation: pairs in cation-row
+// order, the parameters of a pair in the order listed, the first fault only.
+TEST(PropertyValidate, PairChecksFollowTheListOrder) {
+    auto cell = species_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
+                                   {"Na", 1, 0.5, 0.0, 0.0, 1.0},
+                                   {"O", -2, 0.5, 0.5, 0.5, 1.0}});
+    quovix_property_ptr ppt = test_import::quiet_property(cell.get(), 0.75);
+    ASSERT_TRUE(ppt);
+    const int li = quovix_property_find_index(ppt.get(), "Li", 1);
+    const int na = quovix_property_find_index(ppt.get(), "Na", 1);
+    const int o = quovix_property_find_index(ppt.get(), "O", -2);
+    ASSERT_TRUE(li >= 0 && na >= 0 && o >= 0);
+    const int first = std::min(li, na), second = std::max(li, na);
+    const double r0_first = ppt->bin[first][o].r0;
+    const double b_second = ppt->bin[second][o].b, r0_second = ppt->bin[second][o].r0;
+    ppt->bin[first][o].r0 = -1.0;  // the earlier cation row: its later-listed parameter
+    ppt->bin[second][o].b = 0.0;   // the later row: both parameters
+    ppt->bin[second][o].r0 = -1.0;
+    const quovix_pair_check b_then_r0[] = {{"b", &QUOVIX_PROPERTY_BINARY::b},
+                                           {"r0", &QUOVIX_PROPERTY_BINARY::r0}};
+    const quovix_pair_check r0_then_b[] = {{"r0", &QUOVIX_PROPERTY_BINARY::r0},
+                                           {"b", &QUOVIX_PROPERTY_BINARY::b}};
+    char want[320];
+    std::snprintf(want, sizeof want,
+                  "Error: incorrect r0 at [%d](%s1+)-(O2-) r0=-1.000000\n"
+                  "Error: incorrect b at [%d](%s1+)-(O2-) b=0.000000\n"
+                  "Error: incorrect r0 at [%d](%s1+)-(O2-) r0=-1.000000\n"
+                  "Error: QUOVIX_PROPERTY has not been properly initialized.\n",
+                  first, ppt->type[first], second, ppt->type[second], second, ppt->type[second]);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(quovix_property_validate_pairs(ppt.get(), b_then_r0), 1);  // rows come first
+    ppt->bin[first][o].r0 = r0_first;
+    EXPECT_EQ(quovix_property_validate_pairs(ppt.get(), b_then_r0), 1);  // then the list order
+    EXPECT_EQ(quovix_property_validate_pairs(ppt.get(), r0_then_b), 1);
+    EXPECT_EQ(quovix_property_validate_pairs(nullptr, b_then_r0), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), want);
+    ppt->bin[second][o].b = b_second;
+    ppt->bin[second][o].r0 = r0_second;
+    EXPECT_EQ(quovix_property_validate_pairs(ppt.get(), b_then_r0), 0);
+}
+
 TEST(PropertyImport, UnreadableFileEndsTheBuildWithTheWholeChain) {
-    auto cell = make_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0}, {"O", -2, 0.5, 0.5, 0.5, 0.5}});
+    auto cell = species_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0}, {"O", -2, 0.5, 0.5, 0.5, 0.5}});
     testing::internal::CaptureStderr();
     quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, 0.75,
                                                              "/nonexistent/u.dat", kBinary.c_str())};

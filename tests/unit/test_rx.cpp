@@ -10,63 +10,30 @@
 #include <string>
 #include <vector>
 
+#include "import_test_helpers.hpp"
 #include "quovix-alloc.hpp"
 #include "quovix-import.hpp"
 #include "quovix-rx.hpp"
 
 namespace {
 
-const std::string kUnitary = std::string(QUOVIX_DATA_DIR) + "/database_unitary.dat";
-const std::string kBinary = std::string(QUOVIX_DATA_DIR) + "/database_binary.dat";
-const std::string kSymcards = std::string(QUOVIX_DATA_DIR) + "/database_symcards.dat";
+using test_import::Labels;
+using test_import::species_cell;
+
+const std::string kUnitary = test_import::unitary();
+const std::string kBinary = test_import::binary();
 
 quovix_cell_ptr read_cif(const std::string &name) {
-    const std::string path = std::string(QUOVIX_TEST_DATA_DIR) + "/" + name;
-    QUOVIX_CELL *cell = nullptr;
-    QUOVIX_SYMMETRY *sym = nullptr;
-    testing::internal::CaptureStdout();
-    const int status = quovix_cell_import_cif_from_file(&cell, &sym, path.c_str(),
-                                                        kSymcards.c_str(), kUnitary.c_str());
-    testing::internal::GetCapturedStdout();
-    quovix_symmetry_free(sym);
-    EXPECT_EQ(status, 0) << name;
-    return quovix_cell_ptr{cell};
+    test_import::Loaded in = test_import::load(test_import::data_file(name));
+    EXPECT_EQ(in.status, 0) << name;
+    return std::move(in.cell);
 }
 
 // Parameter set with a fixed screening factor (no fit), embedding parameters included.
 quovix_property_ptr property_of(QUOVIX_CELL *cell, double sf = 0.75) {
-    testing::internal::CaptureStdout();
-    quovix_property_ptr ppt{quovix_property_import_from_cell(cell, nullptr, 0, sf,
-                                                             kUnitary.c_str(), kBinary.c_str())};
-    testing::internal::GetCapturedStdout();
+    quovix_property_ptr ppt = test_import::quiet_property(cell, sf);
     if (ppt) quovix_property_calculate_unitary_eam_parameter(ppt.get());
     return ppt;
-}
-
-struct site {
-    const char *type;
-    int os;
-    double x, y, z, occ;
-};
-
-quovix_cell_ptr make_cell(double a, std::initializer_list<site> sites) {
-    quovix_cell_ptr cell{quovix_cell_new(static_cast<long>(sites.size()))};
-    for (int k = 0; k < 3; ++k) {
-        cell->parameter[k] = a;
-        cell->angle[k] = 90.0;
-    }
-    long i = 0;
-    for (const site &s : sites) {
-        QUOVIX_ATOM &at = cell->atom[i++];
-        std::snprintf(at.type, sizeof at.type, "%s", s.type);
-        at.os = s.os;
-        at.x_f[0] = s.x;
-        at.x_f[1] = s.y;
-        at.x_f[2] = s.z;
-        at.occ = s.occ;
-    }
-    quovix_cell_update_cartesion(cell.get());
-    return cell;
 }
 
 double relative(double a, double b) { return std::fabs(a - b) / std::max(std::fabs(b), 1e-300); }
@@ -146,10 +113,12 @@ TEST(CellEnergy, IgnoredAtomsDropTheirRowsOnlyAndOverlapsFollowTheContactRule) {
 
     // A Cl 0.056 A from Na: charged in full when occupancies exceed 1, skipped otherwise.
     for (double occ : {0.5, 1.0}) {
-        auto overlap = make_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, occ},
-                                        {"Cl", -1, 0.01, 0.0, 0.0, occ},
-                                        {"Cl", -1, 0.5, 0.5, 0.5, 1.0},
-                                        {"Na", 1, 0.5, 0.0, 0.0, 1.0}});
+        auto overlap = species_cell(5.62,
+                                    {{"Na", 1, 0.0, 0.0, 0.0, occ},
+                                     {"Cl", -1, 0.01, 0.0, 0.0, occ},
+                                     {"Cl", -1, 0.5, 0.5, 0.5, 1.0},
+                                     {"Na", 1, 0.5, 0.0, 0.0, 1.0}},
+                                    Labels::none);
         auto p = property_of(overlap.get());
         ASSERT_TRUE(p);
         const double fast = quovix_cell_calculate_total_energy(overlap.get(), p.get());
@@ -189,7 +158,8 @@ TEST(CellStress, CubicCellIsIsotropicAndZeroEnergyFails) {
     EXPECT_NEAR((e[1] - e[0]) / 0.002 / quovix_cell_calculate_volume(cell.get()), stress[1],
                 1e-3 * std::fabs(stress[1]));
 
-    auto neutral = make_cell(4.0, {{"Ar", 0, 0.0, 0.0, 0.0, 1.0}, {"Ar", 0, 0.5, 0.5, 0.5, 1.0}});
+    auto neutral = species_cell(4.0, {{"Ar", 0, 0.0, 0.0, 0.0, 1.0}, {"Ar", 0, 0.5, 0.5, 0.5, 1.0}},
+                                Labels::none);
     auto pn = property_of(neutral.get());
     ASSERT_TRUE(pn);
     testing::internal::CaptureStderr();
@@ -209,7 +179,7 @@ TEST(ScreeningFactor, GivenValueBypassesTheFitAndIncompleteDataFallsBack) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(ppt->sf, 0.6);
 
-    auto neutral = make_cell(4.0, {{"Ar", 0, 0.0, 0.0, 0.0, 1.0}});
+    auto neutral = species_cell(4.0, {{"Ar", 0, 0.0, 0.0, 0.0, 1.0}}, Labels::none);
     auto pn = property_of(neutral.get());
     ASSERT_TRUE(pn);
     pn->sf = -1.0;
