@@ -643,8 +643,12 @@ int quovix_cell_import_cif_read_atom_constraint(QUOVIX_ATOM *atom, char ***loop,
     return 0;
 }
 
+// No crystal cell handled by a bond-valence tool comes near this length (A); larger values
+// are typing errors or junk, and would only lead to absurd grids and image searches.
+constexpr double kMaxCellLength = 1.0e4;
+
 /// Cell lengths, angles (compulsory, in that order) and Z (optional). Lengths must be
-/// positive, angles strictly between 0 and 180 degrees and the three angles must span a
+/// positive and at most 1e4 A, angles strictly between 0 and 180 degrees and the three angles must span a
 /// volume; anything else is rejected with an error line.
 int quovix_cell_import_cif_read_lattice(QUOVIX_CELL *cell, char **rows, long row) {
     if (cell == nullptr) return 1;
@@ -669,6 +673,11 @@ int quovix_cell_import_cif_read_lattice(QUOVIX_CELL *cell, char **rows, long row
     for (int k = 0; k < 3; ++k) {
         if (!(v[k] > 0.0)) {
             std::fprintf(stderr, "Error: invalid lattice: %s = %f must be positive.\n", keys[k], v[k]);
+            return 1;
+        }
+        if (v[k] > kMaxCellLength) {
+            std::fprintf(stderr, "Error: invalid lattice: %s = %g exceeds %.0f angstrom.\n", keys[k],
+                         v[k], kMaxCellLength);
             return 1;
         }
         if (!(v[k + 3] > 0.0 && v[k + 3] < 180.0)) {
