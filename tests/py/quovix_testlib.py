@@ -12,6 +12,19 @@ EXAMPLE_CIF = os.path.join(ROOT, "examples", "LiFePO4.cif")
 DEG = 0.0174532925  # the program's degree factor
 
 
+def data_words(path):
+    """Words of each non-blank line between the DATA_START and DATA_END lines of a data file."""
+    started = False
+    for line in open(path, encoding="latin-1"):
+        if not started:
+            started = "DATA_START" in line
+            continue
+        if "DATA_END" in line:
+            break
+        if line.split():
+            yield line.split()
+
+
 def read_cif_sites(path):
     """Cell lengths (a, b, c), lattice rows (program convention: a along x, b in the xy plane)
     and the rows of the atom-site loop of a P1 CIF, each a dict from column name to word."""

@@ -25,8 +25,9 @@ import warnings
 warnings.filterwarnings("ignore")
 from pymatgen.io.cif import CifParser  # noqa: E402
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-ROOT = os.path.normpath(os.path.join(HERE, "..", ".."))
+sys.dont_write_bytecode = True  # importing the shared module leaves no cache in tests/
+from quovix_testlib import ROOT, data_words  # noqa: E402
+
 DATA = os.path.join(ROOT, "data")
 CIFS = os.path.join(ROOT, "tests", "data")
 TOLERANCE = 1e-4
@@ -36,27 +37,13 @@ REQUIRED = ["NaCl_rocksalt.cif", "Li2O_antifluorite_primitive_P1.cif", "CaTiO3_c
             "Ag7PSe6_argyrodite.cif", "LiMnO2_mp-18767.cif", "LiMn2O4_spinel_P1.cif"]
 
 
-def data_lines(path):
-    lines, started = [], False
-    with open(path, "rb") as f:
-        for raw in f:
-            line = raw.decode("latin-1")
-            if not started:
-                started = "DATA_START" in line
-                continue
-            if "DATA_END" in line:
-                break
-            lines.append(line.split())
-    return lines
-
-
 def read_parameters():
     default_os = {}
-    for w in data_lines(os.path.join(DATA, "database_unitary.dat")):
+    for w in data_words(os.path.join(DATA, "database_unitary.dat")):
         if len(w) >= 4 and w[1] not in default_os:
             default_os[w[1]] = int(w[3])
     pairs = {}
-    for w in data_lines(os.path.join(DATA, "database_binary.dat")):
+    for w in data_words(os.path.join(DATA, "database_binary.dat")):
         if len(w) >= 8:
             key = (w[0], int(w[1]), w[2], int(w[3]))
             if key not in pairs:

@@ -35,16 +35,6 @@ def run(args, cwd):
     return res.stdout
 
 
-def read_cif(path):
-    """Lattice rows and (element, fractional position) of the atoms of a P1 CIF."""
-    _, lat, rows = read_cif_sites(path)
-    return lat, [(element(r["_atom_site_type_symbol"]), fractional(r)) for r in rows]
-
-
-def file_values(path, natom):
-    return cube_values(cube_lines(path), natom)
-
-
 def printed_voxels(out):
     rows, take = [], False
     for line in out.splitlines():
@@ -57,7 +47,8 @@ def printed_voxels(out):
 
 
 def main():
-    lat, cif_atoms = read_cif(CIF)
+    _, lat, rows = read_cif_sites(CIF)
+    cif_atoms = [(element(r["_atom_site_type_symbol"]), fractional(r)) for r in rows]
     work = tempfile.mkdtemp(prefix="quovix_ase_")
     try:
         shutil.copy(CIF, work)
@@ -82,7 +73,7 @@ def main():
         check("CUBE: cube size = 24 * 24 * 24" in out, "non-periodic file read back as 24^3")
 
         # Values: ASE's array in file order (first index outermost) equals the file text.
-        vals = file_values(os.path.join(work, "LiFePO4.cube"), len(cif_atoms))
+        vals = cube_values(cube_lines(os.path.join(work, "LiFePO4.cube")), len(cif_atoms))
         check(vals.size == 24 ** 3, "value count %d" % vals.size)
         check(np.array_equal(per.ravel(), vals), "ASE values equal the file values")
         check(float(per.max()) <= 999.9, "values capped at 999.9")

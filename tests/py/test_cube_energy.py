@@ -19,8 +19,8 @@ import tempfile
 import numpy as np
 
 sys.dont_write_bytecode = True  # importing the shared module leaves no cache in tests/
-from quovix_testlib import EXAMPLE_CIF as CIF, EXE, ROOT, cube_lines, cube_values, element, \
-    fractional, read_cif_sites
+from quovix_testlib import EXAMPLE_CIF as CIF, EXE, ROOT, cube_lines, cube_values, \
+    data_words, element, fractional, read_cif_sites
 
 UNITARY = os.path.join(ROOT, "data", "database_unitary.dat")
 BINARY = os.path.join(ROOT, "data", "database_binary.dat")
@@ -28,20 +28,8 @@ SF = 0.9
 RESOLUTION = "0.4"
 
 
-def data_lines(path):
-    on = False
-    for line in open(path):
-        if "DATA_START" in line:
-            on = True
-            continue
-        if "DATA_END" in line:
-            break
-        if on and line.split():
-            yield line.split()
-
-
 def unitary(sym, os_):
-    for w in data_lines(UNITARY):
+    for w in data_words(UNITARY):
         if w[1] == sym and int(w[2]) == os_:
             return dict(an=int(w[0]), m=float(w[4]), n=int(w[5]), g=int(w[6]), b=int(w[7]),
                         rc=float(w[8]), soft=float(w[9]))
@@ -49,7 +37,7 @@ def unitary(sym, os_):
 
 
 def pair(s1, o1, s2, o2):
-    for w in data_lines(BINARY):
+    for w in data_words(BINARY):
         if w[0] == s1 and int(w[1]) == o1 and w[2] == s2 and int(w[3]) == o2:
             return dict(r0=float(w[4]), b=float(w[5]), cn=float(w[6]), cutoff=float(w[7]))
     return None

@@ -196,38 +196,6 @@ TEST(BvSum, ZeroOxidationStateIsSkippedInSumsButWeighsInTheGii) {
                 1e-12);
 }
 
-TEST(BvSum, TypeRestrictionKeepsOnePairAndAnAbsentPairGivesNoSites) {
-    auto in = read_cif("NaCl_rocksalt.cif");
-    auto full = bv_of(in.cell.get(), in.sym.get());
-    testing::internal::CaptureStdout();
-    quovix_bv_ptr pair{quovix_bv_calculate_from_cell_with_type(
-        in.cell.get(), in.sym.get(), "Na", 1, "Cl", -1, kUnitary.c_str(), kBinary.c_str())};
-    quovix_bv_ptr absent{quovix_bv_calculate_from_cell_with_type(
-        in.cell.get(), in.sym.get(), "Li", 1, "O", -2, kUnitary.c_str(), kBinary.c_str())};
-    testing::internal::GetCapturedStdout();
-    ASSERT_TRUE(full);
-    ASSERT_TRUE(pair);
-    ASSERT_TRUE(absent);
-    ASSERT_EQ(pair->total, 2);
-    EXPECT_EQ(pair->sum[0], full->sum[0]);
-    EXPECT_EQ(pair->sum[1], full->sum[1]);
-    EXPECT_EQ(absent->total, 0);
-    EXPECT_EQ(in.cell->total, 8);  // the original cell is not reduced
-}
-
-TEST(BvSum, IncompletePairDataIsRejected) {
-    auto cell = make_flagged_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0},
-                                         {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
-    auto ppt = property_of(cell.get());
-    ASSERT_TRUE(ppt);
-    ppt->bin[1][0].b = 0.0;  // species order: Cl, Na
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(quovix_bv_ptr{quovix_bv_calculate_from_flagged_cell(cell.get(), ppt.get())});
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: incorrect b at [1](Na1+)-(Cl1-) b=0.000000\n"
-              "Error: quovix_bv_validate_property() returns non-zero.\n");
-}
-
 // ----------------------------------------------------------------------------- GII
 
 TEST(Gii, VerdictsFollowTheOrderOfTheTests) {
@@ -269,41 +237,21 @@ TEST(Gii, WeighsSitesByMultiplicityAndOccupancy) {
 
 // ----------------------------------------------------------------------------- printers
 
-TEST(BvPrint, TablesGuiBlockAndText) {
+// The table and the GUI block are pinned by the e2e cases cal-bv-NaCl, cal-bv-NaCl-zero-os
+// (where a zero state prints as "Ar0-") and cal-bv-gui-NaCl. The text export, which no case
+// writes, prints a zero state with "+".
+TEST(BvPrint, TextExportAndNullRecord) {
     quovix_bv_ptr bv{quovix_bv_new(2)};
     std::snprintf(bv->atom[0].name, QUOVIX_ATOM_NAME_LEN, "Na1");
     std::snprintf(bv->atom[0].type, QUOVIX_TYPE_LEN, "Na");
     bv->atom[0].os = 1;
     bv->atom[0].occ = 1.0;
-    bv->atom[0].x_f[1] = 0.5;
     std::snprintf(bv->atom[1].name, QUOVIX_ATOM_NAME_LEN, "X2");
     std::snprintf(bv->atom[1].type, QUOVIX_TYPE_LEN, "Xe");
     bv->atom[1].os = 0;
     bv->atom[1].occ = 0.25;
     bv->sum[0] = 0.983032;
     bv->value[0][1] = -1.5;
-
-    testing::internal::CaptureStdout();
-    quovix_bv_print(bv.get());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "BV:   name type    occ    bv_sum\n"
-              "BV:    Na1 Na1+  1.000  0.983032\n"
-              "BV:     X2 Xe0-  0.250  0.000000\n"
-              "BV:=============================================\n"
-              "BV: nam1 typ1   occ1 nam2 typ2   occ1        bv\n"
-              "BV:  Na1 Na1+  1.000  Na1 Na1+  1.000  0.000000\n"
-              "BV:  Na1 Na1+  1.000   X2 Xe0-  0.250 -1.500000\n"
-              "BV:   X2 Xe0-  0.250  Na1 Na1+  1.000  0.000000\n"
-              "BV:   X2 Xe0-  0.250   X2 Xe0-  0.250  0.000000\n");
-
-    testing::internal::CaptureStdout();
-    quovix_bv_print_gui(bv.get());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Printing bond valence sum of each site for Quovix-GUI\n"
-              "> Label [  X     Y     Z  ] : BV_sum\n"
-              ">   Na1 [0.000 0.500 0.000] : 0.983032\n"
-              ">    X2 [0.000 0.000 0.000] : 0.000000\n"
-              "End of BV sum calculation for Quovix-GUI\n");
 
     quovix_text_ptr text{quovix_bv_export_to_text(bv.get())};
     ASSERT_TRUE(text);

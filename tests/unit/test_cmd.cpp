@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "quovix-alloc.hpp"
@@ -40,21 +41,19 @@ std::string text_of(Argv &a) {
 }  // namespace
 
 TEST(SplitPath, SplitsAtLastSeparatorOrFallsBackToCurrentDir) {
+    for (auto [path, want_dir, want_name] :
+         {std::tuple{"/opt/quovix/bin/quovix.x", "/opt/quovix/bin/", "quovix.x"},
+          std::tuple{"quovix.x", "./", "quovix.x"}, std::tuple{"./quovix.x", "./", "quovix.x"}}) {
+        char *dir = nullptr;
+        char *name = nullptr;
+        quovix_cmd_opt_split_path(&dir, &name, path);
+        EXPECT_STREQ(dir, want_dir);
+        EXPECT_STREQ(name, want_name);
+        std::free(dir);
+        std::free(name);
+    }
     char *dir = nullptr;
-    char *name = nullptr;
-    quovix_cmd_opt_split_path(&dir, &name, "/opt/quovix/bin/quovix.x");
-    EXPECT_STREQ(dir, "/opt/quovix/bin/");
-    EXPECT_STREQ(name, "quovix.x");
-    std::free(dir);
-    std::free(name);
-
-    quovix_cmd_opt_split_path(&dir, &name, "quovix.x");
-    EXPECT_STREQ(dir, "./");
-    EXPECT_STREQ(name, "quovix.x");
-    std::free(dir);
-    std::free(name);
-
-    quovix_cmd_opt_split_path(&dir, nullptr, "./quovix.x");
+    quovix_cmd_opt_split_path(&dir, nullptr, "./quovix.x");  // the name is not wanted
     EXPECT_STREQ(dir, "./");
     std::free(dir);
 }
@@ -91,12 +90,11 @@ TEST(CmdOpt, PrintOfNullContext) {
 
 TEST(GetType, KeepsAtMostTwoCharacters) {
     char type[3] = {'?', '?', '?'};
-    quovix_cmd_opt_get_type(type, "Li");
-    EXPECT_STREQ(type, "Li");
-    quovix_cmd_opt_get_type(type, "Na1+");
-    EXPECT_STREQ(type, "Na");
-    quovix_cmd_opt_get_type(type, "O");
-    EXPECT_STREQ(type, "O");
+    for (auto [word, want] :
+         {std::pair{"Li", "Li"}, std::pair{"Na1+", "Na"}, std::pair{"O", "O"}}) {
+        quovix_cmd_opt_get_type(type, word);
+        EXPECT_STREQ(type, want);
+    }
 }
 
 TEST(TextMode, JoinsWordsWithSpacesAndNewlineWords) {

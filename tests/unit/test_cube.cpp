@@ -11,13 +11,18 @@
 #include <string>
 #include <vector>
 
+#include "import_test_helpers.hpp"
 #include "quovix-alloc.hpp"
 #include "quovix-cube.hpp"
 #include "quovix-import.hpp"
 
 namespace {
 
-const std::string kUnitary = std::string(QUOVIX_DATA_DIR) + "/database_unitary.dat";
+using test_import::capture;
+using test_import::Captured;
+
+const std::string kUnitary = test_import::unitary();
+const std::string kBinary = test_import::binary();
 
 std::string slurp(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
@@ -157,28 +162,26 @@ TEST(CubeExport, MissingSpeciesWritesNothing) {
     const double len[3] = {4.0, 4.0, 4.0};
     auto cube = make_cube(2, 2, 2, len, [](long, long, long) { return 1.0; });
     const std::string none = temp_path("never.cube");
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_cube_export_to_file(cube.get(), cell.get(), ppt.get(), none.c_str(), true), 1);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: quovix_property_find_index() returns negative value.\n");
+    Captured c = capture([&] {
+        EXPECT_EQ(
+            quovix_cube_export_to_file(cube.get(), cell.get(), ppt.get(), none.c_str(), true), 1);
+    });
+    EXPECT_EQ(c.err, "Error: quovix_property_find_index() returns negative value.\n");
     EXPECT_FALSE(std::ifstream(none).good());
 }
 
 TEST(CubeExport, RefusesMissingGridAndUnwritablePath) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_cube_export_to_file(nullptr, nullptr, nullptr, "x.cube", true), 1);
     const double len[3] = {1.0, 1.0, 1.0};
     auto cube = make_cube(1, 1, 1, len, [](long, long, long) { return 1.0; });
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(
-        quovix_cube_export_to_file(cube.get(), nullptr, nullptr, "/nonexistent/dir/x.cube", true),
-        1);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    Captured c = capture([&] {
+        EXPECT_EQ(quovix_cube_export_to_file(nullptr, nullptr, nullptr, "x.cube", true), 1);
+        EXPECT_EQ(quovix_cube_export_to_file(cube.get(), nullptr, nullptr, "/nonexistent/x.cube",
+                                             true),
+                  1);
+    });
+    EXPECT_EQ(c.err,
               "Error: QUOVIX_CUBE has not been properly initialized.\n"
-              "Error: unable to open file /nonexistent/dir/x.cube\n");
+              "Error: unable to open file /nonexistent/x.cube\n");
 }
 
 // ----------------------------------------------------------------------------- reading
@@ -254,22 +257,23 @@ TEST(CubeImport, ReadsForeignLayoutWithSixValuesPerLine) {
     std::remove(path.c_str());
 }
 
+// Truncated values and a missing file: see the e2e cases print-cube-truncated and
+// print-cube-missing.
 TEST(CubeImport, BadFilesFailCleanly) {
     const std::string path = temp_path("bad.cube");
     const std::string head =
         "name\r\n\r\n   0    0.000000    0.000000    0.000000\r\n"
         "   2    1.000000    0.000000    0.000000\r\n"
         "   2    0.000000    1.000000    0.000000\r\n";
+    const std::string with_atom =
+        "n\r\n\r\n   1 0 0 0\r\n   1 1 0 0\r\n   1 0 1 0\r\n   1 0 0 1\r\n";
     struct Case {
         const char *what;
         std::string text;
         std::string error;
+        bool periodic = true, with_cell = false;
     };
     const Case cases[] = {
-        {"truncated values",
-         head + "   2    0.000000    0.000000    1.000000\r\n 1\r\n 2\r\n 3\r\n 4\r\n 5\r\n 6\r\n "
-                "7\r\n",
-         "Error: " + path + " ends after 7 of 8 values.\n"},
         {"non-number value",
          head + "   2    0.000000    0.000000    1.000000\r\n 1\r\n 2\r\n x3\r\n 4\r\n 5\r\n 6\r\n "
                 "7\r\n 8\r\n",
@@ -283,54 +287,32 @@ TEST(CubeImport, BadFilesFailCleanly) {
         {"empty file", "", "Error: unable to read the header of " + path + ".\n"},
         {"negative atom count", "n\r\n\r\n  -3 0 0 0\r\n   2 1 0 0\r\n   2 0 1 0\r\n   2 0 0 1\r\n",
          "Error: negative atom count in " + path + " is not supported.\n"},
+        // A non-periodic file needs two points per axis: the chain names the allocation.
+        {"one point, non-periodic",
+         "n\r\n\r\n   0 0 0 0\r\n   1 1 0 0\r\n   2 0 1 0\r\n   2 0 0 1\r\n"
+         " 1\r\n 2\r\n 3\r\n 4\r\n",
+         "Error: argument must be positive.\nError: quovix_cube_new() returns NULL.\n", false},
+        {"atom line", with_atom + "   3 0.5 1.0\r\n 1\r\n",
+         "Error: unable to read atom 1 from " + path + ".\n", true, true},
+        {"unknown atomic number", with_atom + " 150 0.5 1.0 0.0 0.0\r\n 1\r\n",
+         "Error: unable to find element with atomic number 150 from " + kUnitary +
+             ".\nError: quovix_property_type_from_atomic_number() returns non-zero.\n",
+         true, true},
     };
     for (const Case &c : cases) {
         spit(path, c.text);
         QUOVIX_CUBE *cube = nullptr;
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(quovix_cube_import_from_file(&cube, nullptr, path.c_str(), true, nullptr), 1)
-            << c.what;
-        testing::internal::GetCapturedStdout();
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.error) << c.what;
+        QUOVIX_CELL *cell = nullptr;
+        Captured log = capture([&] {
+            EXPECT_EQ(quovix_cube_import_from_file(&cube, c.with_cell ? &cell : nullptr,
+                                                   path.c_str(), c.periodic, kUnitary.c_str()),
+                      1)
+                << c.what;
+        });
+        EXPECT_EQ(log.err, c.error) << c.what;
         EXPECT_EQ(cube, nullptr) << c.what;
+        EXPECT_EQ(cell, nullptr) << c.what;
     }
-
-    // A non-periodic file needs two points per axis: the chain names the allocation.
-    spit(path,
-         "n\r\n\r\n   0 0 0 0\r\n   1 1 0 0\r\n   2 0 1 0\r\n   2 0 0 1\r\n 1\r\n 2\r\n 3\r\n "
-         "4\r\n");
-    QUOVIX_CUBE *cube = nullptr;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_cube_import_from_file(&cube, nullptr, path.c_str(), false, nullptr), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: argument must be positive.\nError: quovix_cube_new() returns NULL.\n");
-
-    // An atom line that does not parse, and an unknown atomic number.
-    const std::string with_atom =
-        "n\r\n\r\n   1 0 0 0\r\n   1 1 0 0\r\n   1 0 1 0\r\n   1 0 0 1\r\n";
-    QUOVIX_CELL *cell = nullptr;
-    spit(path, with_atom + "   3 0.5 1.0\r\n 1\r\n");
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_cube_import_from_file(&cube, &cell, path.c_str(), true, kUnitary.c_str()), 1);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: unable to read atom 1 from " + path + ".\n");
-    spit(path, with_atom + " 150 0.5 1.0 0.0 0.0\r\n 1\r\n");
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_cube_import_from_file(&cube, &cell, path.c_str(), true, kUnitary.c_str()), 1);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: unable to find element with atomic number 150 from " + kUnitary +
-                  ".\nError: quovix_property_type_from_atomic_number() returns non-zero.\n");
-    EXPECT_EQ(cube, nullptr);
-    EXPECT_EQ(cell, nullptr);
-
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_cube_import_from_file(&cube, nullptr, "/nonexistent.cube", true, nullptr), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error: unable to open /nonexistent.cube.\n");
     std::remove(path.c_str());
 }
 
@@ -388,10 +370,6 @@ TEST(CubeGridSize, MultiplesOf24ReducedBelow196Cubed) {
 
 namespace {
 
-const std::string kData = QUOVIX_DATA_DIR;
-const std::string kSymcards = kData + "/database_symcards.dat";
-const std::string kBinary = kData + "/database_binary.dat";
-
 struct Structure {
     quovix_cell_ptr cell;
     quovix_symmetry_ptr symmetry;
@@ -400,19 +378,14 @@ struct Structure {
 
 // Reads a CIF of tests/data and builds its parameter set with the mobile species (quietly).
 Structure load(const char *file, const char *type, int os, double sf) {
-    Structure s;
-    const std::string path = std::string(QUOVIX_TEST_DATA_DIR) + "/" + file;
-    QUOVIX_CELL *cell = nullptr;
-    QUOVIX_SYMMETRY *symmetry = nullptr;
-    testing::internal::CaptureStdout();
-    if (quovix_cell_import_cif_from_file(&cell, &symmetry, path.c_str(), kSymcards.c_str(),
-                                         kUnitary.c_str()) == 0) {
-        s.cell.reset(cell);
-        s.symmetry.reset(symmetry);
-        s.ppt.reset(quovix_property_import_from_cell(cell, type, os, sf, kUnitary.c_str(),
-                                                     kBinary.c_str()));
+    test_import::Loaded in = test_import::load(test_import::data_file(file));
+    Structure s{std::move(in.cell), std::move(in.sym), nullptr};
+    if (in.status == 0) {
+        capture([&] {
+            s.ppt.reset(quovix_property_import_from_cell(s.cell.get(), type, os, sf,
+                                                         kUnitary.c_str(), kBinary.c_str()));
+        });
     }
-    testing::internal::GetCapturedStdout();
     return s;
 }
 
@@ -479,34 +452,17 @@ TEST(CubeCalculate, FastEqualsPlainBitForBitOnRealStructures) {
 // Points whose energy is exactly 0 (farther than every cut-off from all atoms) are computed
 // again when the plain loop visits them; the fast loop must replay that, value for value.
 TEST(CubeCalculate, ZeroRegionsReplayedLikePlain) {
-    quovix_cell_ptr cell{quovix_cell_new(2)};
-    ASSERT_TRUE(cell);
-    for (int k = 0; k < 3; k++) {
-        cell->a[k][k] = 24.0;
-        cell->parameter[k] = 24.0;
-        cell->angle[k] = 90.0;
-    }
-    std::strcpy(cell->atom[0].type, "Na");
-    cell->atom[0].os = 1;
-    std::strcpy(cell->atom[1].type, "Cl");
-    cell->atom[1].os = -1;
-    cell->atom[1].x_f[0] = 0.5;
-    cell->atom[1].x_f[1] = 0.5;
-    cell->atom[1].x_f[2] = 0.5;
-    for (int t = 0; t < 2; t++) {
-        cell->atom[t].occ = 1.0;
-        for (int c = 0; c < 3; c++) cell->atom[t].x[c] = cell->atom[t].x_f[c] * 24.0;
-    }
+    Structure s;
+    s.cell = test_import::species_cell(
+        24.0, {{"Na", 1, 0.0, 0.0, 0.0, 1.0}, {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
     const char *ops[] = {"x,y,z",   "-x,y,z",  "x,-y,z",  "x,y,-z",
                          "-x,-y,z", "-x,y,-z", "x,-y,-z", "-x,-y,-z"};
-    Structure s;
-    s.cell = std::move(cell);
     s.symmetry.reset(quovix_symmetry_new(8));
     for (int c = 0; c < 8; c++) ASSERT_EQ(quovix_card_set_by_text(&s.symmetry->card[c], ops[c]), 0);
-    testing::internal::CaptureStdout();
-    s.ppt.reset(quovix_property_import_from_cell(s.cell.get(), "Li", 1, 0.75, kUnitary.c_str(),
-                                                 kBinary.c_str()));
-    testing::internal::GetCapturedStdout();
+    capture([&] {
+        s.ppt.reset(quovix_property_import_from_cell(s.cell.get(), "Li", 1, 0.75,
+                                                     kUnitary.c_str(), kBinary.c_str()));
+    });
     ASSERT_TRUE(s.ppt);
     quovix_cube_ptr ref = landscape(s, 1.0, true, true);
     quovix_cube_ptr fast = landscape(s, 1.0, true, false);
@@ -577,13 +533,12 @@ TEST(CubeCalculate, BadParametersFailWithTheirReason) {
     ASSERT_TRUE(s.ppt);
     QUOVIX_PROPERTY *ppt = s.ppt.get();
     auto run = [&](double res) {
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        QUOVIX_CUBE *cube = quovix_cube_calculate(s.cell.get(), s.symmetry.get(), ppt, res, true);
-        testing::internal::GetCapturedStdout();
-        EXPECT_EQ(cube, nullptr);
-        quovix_cube_free(cube);
-        return testing::internal::GetCapturedStderr();
+        return capture([&] {
+                   quovix_cube_ptr cube{
+                       quovix_cube_calculate(s.cell.get(), s.symmetry.get(), ppt, res, true)};
+                   EXPECT_FALSE(cube);
+               })
+            .err;
     };
     EXPECT_EQ(run(0.0), "Error: resolution must be a positive number, not 0.000000.\n");
     EXPECT_EQ(run(-0.1), "Error: resolution must be a positive number, not -0.100000.\n");
@@ -606,12 +561,7 @@ TEST(CubeCalculate, BadParametersFailWithTheirReason) {
               "Error: quovix_cube_validate_property() returns non-zero.\n");
     ppt->conducting = conducting;
 
-    ppt->os[o] = 0;
-    EXPECT_EQ(run(0.5), "Error: oxidation state is zero where atom[" + std::to_string(o) +
-                            "]: O0+.\n"
-                            "Error: quovix_cube_validate_property() returns non-zero.\n");
-    ppt->os[o] = -2;
-
+    // A zero oxidation state: see the e2e case gen-cube-LiFePO4-zero-os.
     testing::internal::CaptureStderr();
     EXPECT_EQ(quovix_cube_calculate(nullptr, nullptr, ppt, 0.1, true), nullptr);
     EXPECT_EQ(quovix_cube_calculate(s.cell.get(), nullptr, nullptr, 0.1, true), nullptr);
@@ -621,56 +571,37 @@ TEST(CubeCalculate, BadParametersFailWithTheirReason) {
               "Error: quovix_cube_validate_property() returns non-zero.\n");
 }
 
-// Sites shared with other species: skipped on request, otherwise resolved on a supercell
-// that is written beside the cube.
-TEST(CubeCalculate, MixedSitesSkippedOrResolvedOnSupercell) {
-    const std::string cif = std::string(QUOVIX_TEST_DATA_DIR) + "/PMN-PT_cubic_mixed_sites.cif";
-    QUOVIX_CELL *raw_cell = nullptr;
-    QUOVIX_SYMMETRY *raw_sym = nullptr;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(quovix_cell_import_cif_from_file(&raw_cell, &raw_sym, cif.c_str(), kSymcards.c_str(),
-                                               kUnitary.c_str()),
-              0);
-    testing::internal::GetCapturedStdout();
-    quovix_cell_ptr cell{raw_cell};
-    quovix_symmetry_ptr symmetry{raw_sym};
+// Sites shared with the mobile species are resolved on a supercell written beside the cube
+// (skipping them on request: see the e2e case gen-cube-PMN-PT-skip-mixed).
+TEST(CubeCalculate, MixedSitesResolvedOnSupercell) {
+    test_import::Loaded in =
+        test_import::load(test_import::data_file("PMN-PT_cubic_mixed_sites.cif"));
+    ASSERT_EQ(in.status, 0);
     const std::string cube = temp_path("mixed.cube"), assigned = temp_path("mixed_assigned.cif");
-    std::remove(cube.c_str());
-    std::remove(assigned.c_str());
-
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(quovix_cube_calculate_from_cell_and_write_to_file_assign_partial_occ(
-                  cell.get(), symmetry.get(), "Mg", 2, 0.75, 0.5, true, true, true, cube.c_str(),
-                  assigned.c_str(), kUnitary.c_str(), kBinary.c_str()),
-              0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Message: partial occupancy at conducting sites detected. Cube file generation "
-              "will be skipped.\n");
-    EXPECT_FALSE(std::ifstream(cube).good());
-
     std::srand(7);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(quovix_cube_calculate_from_cell_and_write_to_file_assign_partial_occ(
-                  cell.get(), symmetry.get(), "Mg", 2, 0.75, 0.5, true, true, false, cube.c_str(),
-                  assigned.c_str(), kUnitary.c_str(), kBinary.c_str()),
-              0);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("Message: partial occupancy at conducting sites detected. Cube will be "
-                       "generated based on an asigned supercell.\n"),
+    Captured c = capture([&] {
+        EXPECT_EQ(quovix_cube_calculate_from_cell_and_write_to_file_assign_partial_occ(
+                      in.cell.get(), in.sym.get(), "Mg", 2, 0.75, 0.5, true, true, false,
+                      cube.c_str(), assigned.c_str(), kUnitary.c_str(), kBinary.c_str()),
+                  0);
+    });
+    EXPECT_NE(c.out.find("Message: partial occupancy at conducting sites detected. Cube will be "
+                         "generated based on an asigned supercell.\n"),
               std::string::npos);
     // The cube is computed on the resolved 3 x 3 x 3 supercell (5 sites -> 27 cells of
     // Pb, O3 and one B-site cation each: 135 atoms, every one with occupancy 1).
     QUOVIX_CUBE *back = nullptr;
     QUOVIX_CELL *back_cell = nullptr;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(quovix_cube_import_from_file(&back, &back_cell, cube.c_str(), true, kUnitary.c_str()),
-              0);
-    testing::internal::GetCapturedStdout();
+    capture([&] {
+        ASSERT_EQ(
+            quovix_cube_import_from_file(&back, &back_cell, cube.c_str(), true, kUnitary.c_str()),
+            0);
+    });
     quovix_cube_ptr got{back};
     quovix_cell_ptr got_cell{back_cell};
     ASSERT_TRUE(got_cell);
     EXPECT_EQ(got_cell->total, 135);
-    EXPECT_NEAR(got->a[0][0], 3 * cell->a[0][0], 1e-5);
+    EXPECT_NEAR(got->a[0][0], 3 * in.cell->a[0][0], 1e-5);
     EXPECT_TRUE(std::ifstream(assigned).good());
     std::remove(cube.c_str());
     std::remove(assigned.c_str());

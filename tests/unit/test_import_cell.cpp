@@ -300,7 +300,9 @@ TEST(AssignPartialOcc, AllSpeciesGiveAnOrderedCell) {
 
 // ------------------------------------------------------------------ CIF writer
 
-TEST(CifWriter, ExactTemplateAndLineEnds) {
+// The template and its line ends are pinned by the e2e cases gen-cif-NaCl and
+// gen-cif-p1-CaTiO3; here the P1 fallback without symmetry and an unknown oxidation state.
+TEST(CifWriter, P1FallbackAndUnknownState) {
     auto cell = cubic_cell(4.0, {{"O1", "O", -2, 0, 0, 0, 1.0}, {"Li1", "Li", 99, 0.5, 0.25, 0.125, 0.5}});
     quovix_cell_update_name(cell.get());
     QUOVIX_TEXT *t = nullptr;
@@ -308,38 +310,15 @@ TEST(CifWriter, ExactTemplateAndLineEnds) {
     quovix_text_ptr text(t);
     ASSERT_TRUE(text);
     EXPECT_EQ(c.out, "Message: symmetry info missing. Using P1.\n");
-    EXPECT_EQ(std::string(text->content),
-              "data_generated-by-Quovix\r\n\n"
-              "_chemical_name_systematic         'Li99+:0.500 O2-:1.000 '\r\n"
-              "_cell_length_a                    4.000\r\n"
-              "_cell_length_b                    4.000\r\n"
-              "_cell_length_c                    4.000\r\n"
-              "_cell_angle_alpha                 90.000\r\n"
-              "_cell_angle_beta                  90.000\r\n"
-              "_cell_angle_gamma                 90.000\r\n"
-              "_cell_volume                      64.000\r\n"
-              "_cell_formula_units_Z             0\r\n"
-              "_symmetry_space_group_name_H-M    'P 1'\r\n"
-              "_symmetry_Int_Tables_number       1\r\n"
-              "\r\nloop_\r\n"
-              "  _symmetry_equiv_pos_site_id\r\n"
-              "  _symmetry_equiv_pos_as_xyz\r\n"
-              "    1    'x, y, z'\r\n"
-              "\r\nloop_\r\n"
-              "  _atom_type_symbol\r\n"
-              "  _atom_type_oxidation_number\r\n"
-              "  Li99+     99\r\n"
-              "  O2-     -2\r\n"
-              "\r\nloop_\r\n"
-              "  _atom_site_label\r\n"
-              "  _atom_site_type_symbol\r\n"
-              "  _atom_site_fract_x\r\n"
-              "  _atom_site_fract_y\n"
-              "  _atom_site_fract_z\r\n"
-              "  _atom_site_occupancy\r\n"
-              "  Li1  Li99+  0.500  0.250  0.125  0.500\r\n"
-              "  O1  O2-  0.000  0.000  0.000  1.000\r\n"
-              "\r\n#end of data\r\n");
+    const std::string cif(text->content);
+    for (const char *part : {"_chemical_name_systematic         'Li99+:0.500 O2-:1.000 '\r\n",
+                             "_cell_formula_units_Z             0\r\n",
+                             "    1    'x, y, z'\r\n\r\nloop_\r\n",
+                             "  Li99+     99\r\n  O2-     -2\r\n",
+                             "  Li1  Li99+  0.500  0.250  0.125  0.500\r\n"
+                             "  O1  O2-  0.000  0.000  0.000  1.000\r\n\r\n#end of data\r\n"}) {
+        EXPECT_NE(cif.find(part), std::string::npos) << part;
+    }
     c = capture([&] { EXPECT_EQ(quovix_cell_export_cif_to_text(nullptr, nullptr), nullptr); });
     EXPECT_EQ(c.err, "Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n"
                      "Error: quovix_cell_reduce_by_symmetry() returns NULL.\n");

@@ -278,11 +278,8 @@ TEST(SymmetryFromCif, TakesTheFirstSourcePresent) {
     s = run(id + hm, c);
     ASSERT_TRUE(s);
     EXPECT_STREQ(s->sg_HM, "C 2/m");
-    EXPECT_EQ(c.out,
-              "Warning: _loop block containing _symmetry_equiv_pos_as_xyz not found.\n"
-              "Warning: _loop block containing _space_group_symop_operation_xyz not found.\n"
-              "Warning: quovix_cell_import_cif_grep_loop() returns non-zero.\n"
-              "Message: determining symmetry from H-M symbol ...\n");
+    // The whole message sequence is pinned by the e2e case print-sym-CuCrP2Se6-HM-only.
+    EXPECT_NE(c.out.find("Message: determining symmetry from H-M symbol ...\n"), std::string::npos);
 
     s = run(hall + "_space_group_IT_number 12\n", c);
     ASSERT_TRUE(s);
@@ -460,16 +457,10 @@ TEST_F(RealStructures, BinnedPartnerSearchesMatchThePlainOnes) {
     }
 }
 
-TEST(Expansion, RockSaltFromTwoSitesAndTheSpawnLimit) {
+// The expanded rock salt cell (8 atoms at 0 and 1/2) is pinned by the e2e case print-cell-NaCl.
+TEST(Expansion, SpawnLimit) {
     Loaded l = load(data_file("NaCl_rocksalt.cif"));
     ASSERT_EQ(l.status, 0);
-    EXPECT_EQ(l.sym->total, 192);
-    EXPECT_EQ(l.cell->total, 8);
-    EXPECT_STREQ(l.cell->name, "Cl1-:4.000 Na1+:4.000 ");
-    // Images land in [0, 1): 1/2 + 1/2 wraps to 0.
-    for (long i = 0; i < l.cell->total; ++i) {
-        for (double v : l.cell->atom[i].x_f) EXPECT_TRUE(v == 0.0 || v == 0.5) << v;
-    }
     QUOVIX_ATOM *atom = quovix_atom_new(QUOVIX_MAX_ATOMS / 100);
     long total = QUOVIX_MAX_ATOMS / 100;
     Captured c = capture([&] { EXPECT_EQ(quovix_atom_spawn_by_symmetry(&atom, &total, l.sym.get()), 1); });
