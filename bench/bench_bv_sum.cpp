@@ -16,9 +16,9 @@ void bv_sum(benchmark::State &state, bool plain) {
         return;
     }
     for (auto _ : state) {
-        quovix_bv_ptr bv{plain ? quovix_bv_calculate_from_flagged_cell_reference(s.cell.get(),
-                                                                               s.ppt.get())
-                               : quovix_bv_calculate_from_flagged_cell(s.cell.get(), s.ppt.get())};
+        quovix_bv_ptr bv{
+            plain ? quovix_bv_calculate_from_flagged_cell_reference(s.cell.get(), s.ppt.get())
+                  : quovix_bv_calculate_from_flagged_cell(s.cell.get(), s.ppt.get())};
         benchmark::DoNotOptimize(bv.get());
     }
     state.SetLabel(std::string(bench::kLargeStructures[state.range(0)]) + ", " +

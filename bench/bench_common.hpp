@@ -24,7 +24,7 @@ inline const std::string kSymcards = std::string(QUOVIX_DATA_DIR) + "/database_s
 /// Keeps the messages of the readers, fits and searches out of the benchmark report: standard
 /// output goes to /dev/null while the guard lives.
 class quiet_stdout {
-  public:
+   public:
     quiet_stdout() : saved_(dup(1)) {
         std::fflush(stdout);
         const int null = open("/dev/null", O_WRONLY);
@@ -43,7 +43,7 @@ class quiet_stdout {
     quiet_stdout(const quiet_stdout &) = delete;
     quiet_stdout &operator=(const quiet_stdout &) = delete;
 
-  private:
+   private:
     int saved_;
 };
 
@@ -106,9 +106,9 @@ inline structure read_test_cif(const std::string &name) {
 }
 
 /// The four largest shared structures, in the order of the benchmark arguments 0..3.
-inline const char *const kLargeStructures[] = {
-    "FAU_faujasite_SiO2.cif", "Li4B7O12Cl_boracite.cif", "Na3PS4_cubic_2x2x2_P1.cif",
-    "Li6PS5Cl_argyrodite.cif"};
+inline const char *const kLargeStructures[] = {"FAU_faujasite_SiO2.cif", "Li4B7O12Cl_boracite.cif",
+                                               "Na3PS4_cubic_2x2x2_P1.cif",
+                                               "Li6PS5Cl_argyrodite.cif"};
 
 /// A cell with its parameter set.
 struct system {

@@ -39,7 +39,8 @@ void expand(benchmark::State &state, bool fast) {
         QUOVIX_ATOM *raw = quovix_atom_new(n);
         for (long i = 0; i < f.asym->total; ++i) {
             for (int k = 0; k < sym->total; ++k) {
-                raw[i * sym->total + k] = quovix_atom_spawn_by_card(&f.asym->atom[i], &sym->card[k]);
+                raw[i * sym->total + k] =
+                    quovix_atom_spawn_by_card(&f.asym->atom[i], &sym->card[k]);
             }
         }
         long total = n;
@@ -103,8 +104,9 @@ void cal_sym(benchmark::State &state, bool fast) {
     int id = 0;
     for (auto _ : state) {
         bench::quiet_stdout quiet;
-        quovix_symmetry_ptr found(fast ? quovix_symmetry_calculate_from_cell(cell.get(), -1.0, kSymcards.c_str())
-                                       : quovix_symmetry_calculate_from_cell_plain(cell.get(), -1.0, kSymcards.c_str()));
+        quovix_symmetry_ptr found(
+            fast ? quovix_symmetry_calculate_from_cell(cell.get(), -1.0, kSymcards.c_str())
+                 : quovix_symmetry_calculate_from_cell_plain(cell.get(), -1.0, kSymcards.c_str()));
         id = found ? found->sg_id : 0;
     }
     state.counters["atoms"] = static_cast<double>(cell->total);
@@ -125,8 +127,9 @@ void cal_sym_distorted(benchmark::State &state, bool fast) {
     quovix_cell_ptr big(quovix_cell_supercell(s.cell.get(), m));  // 512 atoms
     for (auto _ : state) {
         bench::quiet_stdout quiet;
-        quovix_symmetry_ptr found(fast ? quovix_symmetry_calculate_from_cell(big.get(), -1.0, kSymcards.c_str())
-                                       : quovix_symmetry_calculate_from_cell_plain(big.get(), -1.0, kSymcards.c_str()));
+        quovix_symmetry_ptr found(
+            fast ? quovix_symmetry_calculate_from_cell(big.get(), -1.0, kSymcards.c_str())
+                 : quovix_symmetry_calculate_from_cell_plain(big.get(), -1.0, kSymcards.c_str()));
         benchmark::DoNotOptimize(found.get());
     }
     state.counters["atoms"] = static_cast<double>(big->total);

@@ -16,9 +16,9 @@ void energy(benchmark::State &state, bool plain) {
         return;
     }
     for (auto _ : state) {
-        const double e = plain ? quovix_cell_calculate_total_energy_reference(s.cell.get(),
-                                                                              s.ppt.get())
-                               : quovix_cell_calculate_total_energy(s.cell.get(), s.ppt.get());
+        const double e =
+            plain ? quovix_cell_calculate_total_energy_reference(s.cell.get(), s.ppt.get())
+                  : quovix_cell_calculate_total_energy(s.cell.get(), s.ppt.get());
         benchmark::DoNotOptimize(e);
     }
     state.SetLabel(std::string(bench::kLargeStructures[state.range(0)]) + ", " +
@@ -37,8 +37,8 @@ void BM_ScreeningFactorFit(benchmark::State &state) {
     for (auto _ : state) {
         bench::quiet_stdout quiet;
         s.ppt->sf = -1.0;
-        benchmark::DoNotOptimize(quovix_property_calculate_screening_factor(s.ppt.get(),
-                                                                            s.cell.get()));
+        benchmark::DoNotOptimize(
+            quovix_property_calculate_screening_factor(s.ppt.get(), s.cell.get()));
     }
     state.SetLabel(std::string(bench::kLargeStructures[state.range(0)]) + ", sf " +
                    std::to_string(s.ppt->sf));

@@ -13,6 +13,8 @@
 // threads: each site is summed by one thread in that order, so its sum is the same to the last
 // bit and does not depend on the number of threads; warnings are printed afterwards in site
 // order.
+#include "quovix-bv.hpp"
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -20,7 +22,6 @@
 #include <string>
 #include <vector>
 
-#include "quovix-bv.hpp"
 #include "quovix-images.hpp"
 #include "quovix-import.hpp"
 
@@ -29,7 +30,7 @@ namespace {
 constexpr double close_contact = QUOVIX_MIN_CONTACT;
 constexpr double default_cutoff = 12.0;       // A, cut-off of the default-cutoff variant
 constexpr double overlap_warning_occ = 1.01;  // occupancy sum above which an overlap is reported
-constexpr long parallel_pairs = 10000;      // site-atom pairs above which sites are threaded
+constexpr long parallel_pairs = 10000;        // site-atom pairs above which sites are threaded
 constexpr double gii_stable = 0.15, gii_average = 0.3, gii_unreasonable = 1.0;
 
 // Sign character of the BV table: '-' for os < 1 (so os = 0 prints '-').
@@ -149,8 +150,8 @@ QUOVIX_BV *calculate(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, double fixed_cutof
                         for (long k2 = -f.n[1]; k2 <= f.n[1]; ++k2) {
                             for (long k3 = -f.n[2]; k3 <= f.n[2]; ++k3) {
                                 double v[3];
-                                visit(v, quovix_images::distance(f.a, atom.x, site.x, k1, k2, k3,
-                                                                 v));
+                                visit(v,
+                                      quovix_images::distance(f.a, atom.x, site.x, k1, k2, k3, v));
                             }
                         }
                     }
@@ -267,10 +268,9 @@ int quovix_bv_validate_property(QUOVIX_PROPERTY *ppt) {
         std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
         return 1;
     }
-    static constexpr quovix_pair_check pair_checks[] = {
-        {"cutoff", &QUOVIX_PROPERTY_BINARY::cutoff},
-        {"b", &QUOVIX_PROPERTY_BINARY::b},
-        {"r0", &QUOVIX_PROPERTY_BINARY::r0}};
+    static constexpr quovix_pair_check pair_checks[] = {{"cutoff", &QUOVIX_PROPERTY_BINARY::cutoff},
+                                                        {"b", &QUOVIX_PROPERTY_BINARY::b},
+                                                        {"r0", &QUOVIX_PROPERTY_BINARY::r0}};
     return quovix_property_validate_pairs(ppt, pair_checks);
 }
 
@@ -479,11 +479,10 @@ QUOVIX_TEXT *quovix_bv_export_to_text(QUOVIX_BV *bv) {
         const QUOVIX_ATOM &a = bv->atom[s];
         for (long t = 0; t < bv->total; ++t) {
             const QUOVIX_ATOM &b = bv->atom[t];
-            std::snprintf(line, sizeof line,
-                          "%4s(%s%d%c)(occ=%5.3f) %4s(%s%d%c)(occ=%5.3f) bv = %9.6f\r\n", a.name,
-                          a.type, quovix_abs_os(a.os), quovix_sign_char(a.os), a.occ, b.name,
-                          b.type, quovix_abs_os(b.os), quovix_sign_char(b.os), b.occ,
-                          bv->value[s][t]);
+            std::snprintf(
+                line, sizeof line, "%4s(%s%d%c)(occ=%5.3f) %4s(%s%d%c)(occ=%5.3f) bv = %9.6f\r\n",
+                a.name, a.type, quovix_abs_os(a.os), quovix_sign_char(a.os), a.occ, b.name, b.type,
+                quovix_abs_os(b.os), quovix_sign_char(b.os), b.occ, bv->value[s][t]);
             if (!append(line)) return nullptr;
         }
     }

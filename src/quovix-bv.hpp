@@ -4,11 +4,11 @@
 #include "quovix-alloc.hpp"
 
 struct QUOVIX_BV {
-    long total;        // number of inequivalent sites
-    QUOVIX_ATOM *atom; // first cell atom of each site
-    int *multi;        // multiplicity of each site
-    double *sum;       // bond valence sum of each site (negative for anions)
-    double **value;    // value[s][t]: part of sum[s] contributed by site t
+    long total;         // number of inequivalent sites
+    QUOVIX_ATOM *atom;  // first cell atom of each site
+    int *multi;         // multiplicity of each site
+    double *sum;        // bond valence sum of each site (negative for anions)
+    double **value;     // value[s][t]: part of sum[s] contributed by site t
 };
 
 QUOVIX_BV *quovix_bv_new(long total);
@@ -26,8 +26,7 @@ QUOVIX_BV *quovix_bv_calculate_from_flagged_cell_at_default_cutoff(QUOVIX_CELL *
                                                                    QUOVIX_PROPERTY *ppt);
 /// The sums of quovix_bv_calculate_from_flagged_cell by the plain loop over every lattice image
 /// on one thread (reference of the shipped sum).
-QUOVIX_BV *quovix_bv_calculate_from_flagged_cell_reference(QUOVIX_CELL *cell,
-                                                           QUOVIX_PROPERTY *ppt);
+QUOVIX_BV *quovix_bv_calculate_from_flagged_cell_reference(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt);
 int quovix_bv_validate_property(QUOVIX_PROPERTY *ppt);
 
 double quovix_gii_calculate_from_bv(QUOVIX_BV *bv);

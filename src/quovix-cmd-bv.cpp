@@ -22,8 +22,8 @@ quovix_cell_ptr read_cell(const QUOVIX_CMD_OPT *opt, const char *path) {
 // The parameter set of the cell with the run's parameter files, or null after the failure line.
 quovix_property_ptr import_property(const QUOVIX_CMD_OPT *opt, QUOVIX_CELL *cell,
                                     const char *mobile, int os, double sf) {
-    quovix_property_ptr ppt{quovix_property_import_from_cell(cell, mobile, os, sf,
-                                                             opt->dir_unitary, opt->dir_binary)};
+    quovix_property_ptr ppt{
+        quovix_property_import_from_cell(cell, mobile, os, sf, opt->dir_unitary, opt->dir_binary)};
     if (!ppt) std::fputs("Error: quovix_property_import_from_cell() returns NULL.\n", stderr);
     return ppt;
 }
@@ -31,8 +31,7 @@ quovix_property_ptr import_property(const QUOVIX_CMD_OPT *opt, QUOVIX_CELL *cell
 // Bond valence sums of every inequivalent site of a cell read with its symmetry, or null
 // after the failure line.
 quovix_bv_ptr calculate_bv(const QUOVIX_CMD_OPT *opt, QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym) {
-    quovix_bv_ptr bv{
-        quovix_bv_calculate_from_cell(cell, sym, opt->dir_unitary, opt->dir_binary)};
+    quovix_bv_ptr bv{quovix_bv_calculate_from_cell(cell, sym, opt->dir_unitary, opt->dir_binary)};
     if (!bv) std::fputs("Error: quovix_bv_calculate_from_cell() returns non-zero.\n", stderr);
     return bv;
 }

@@ -19,8 +19,8 @@ struct cif_job {
 // Names the output, the word at `index` (at most 1000 characters of it) when given, else the
 // whole input name with `suffix` appended (Li2O.cif gives Li2O.cif.cif for ".cif"), then reads
 // the CIF of the first argument; false after the failure line.
-[[nodiscard]] bool start_job(const QUOVIX_CMD_OPT *opt, const quovix_args &args,
-                             std::size_t index, const char *suffix, cif_job &job) {
+[[nodiscard]] bool start_job(const QUOVIX_CMD_OPT *opt, const quovix_args &args, std::size_t index,
+                             const char *suffix, cif_job &job) {
     if (args.has(index)) {
         std::snprintf(job.output, QUOVIX_PATH_LEN, "%.1000s", args.c_str(index));
     } else {
@@ -94,7 +94,8 @@ void quovix_cmd_opt_do_cal_sym(QUOVIX_CMD_OPT *opt) {
     quovix_symmetry_ptr sym;
     if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;
     sym.reset();
-    quovix_symmetry_ptr found(quovix_symmetry_calculate_from_cell(cell.get(), tolerance, opt->dir_symcards));
+    quovix_symmetry_ptr found(
+        quovix_symmetry_calculate_from_cell(cell.get(), tolerance, opt->dir_symcards));
     if (!found) {
         std::fputs("Error: quovix_symmetry_calculate_from_cell() returns non-zero.\n", stderr);
     }
@@ -155,10 +156,11 @@ void quovix_cmd_opt_do_gen_cif_p1(QUOVIX_CMD_OPT *opt) {
 void quovix_cmd_opt_do_gen_cif_assign(QUOVIX_CMD_OPT *opt) {
     const quovix_args args(opt);
     if (args.count() < 3) {
-        print_lines({"Command: --gen-cif-assign [input.cif] [type] [os] | {output_name}\n\n",
-                     "Command: [type] the element type of partially occupied site, two characters.\n",
-                     "Command: [os] the oxidation state of partially occupied site, integer.\n",
-                     "Example: ./quovix.x --gen-cif-assign Li6PS5Cl.cif Li 1\n"});
+        print_lines(
+            {"Command: --gen-cif-assign [input.cif] [type] [os] | {output_name}\n\n",
+             "Command: [type] the element type of partially occupied site, two characters.\n",
+             "Command: [os] the oxidation state of partially occupied site, integer.\n",
+             "Example: ./quovix.x --gen-cif-assign Li6PS5Cl.cif Li 1\n"});
         return;
     }
     char type[QUOVIX_TYPE_LEN] = {0};
@@ -167,9 +169,11 @@ void quovix_cmd_opt_do_gen_cif_assign(QUOVIX_CMD_OPT *opt) {
     if (!args.read_int(2, os)) return;  // a non-number ends the command without a message
     cif_job job;
     if (!start_job(opt, args, 3, ".assign.cif", job)) return;
-    quovix_cell_ptr assigned(quovix_cell_assign_partial_occ_at_conducting_site(job.cell.get(), type, os));
+    quovix_cell_ptr assigned(
+        quovix_cell_assign_partial_occ_at_conducting_site(job.cell.get(), type, os));
     if (!assigned) {
-        std::fputs("Error: quovix_cell_assign_partial_occ_at_conducting_site() returns NULL.\n", stderr);
+        std::fputs("Error: quovix_cell_assign_partial_occ_at_conducting_site() returns NULL.\n",
+                   stderr);
         return;
     }
     write_cif(job.output, assigned.get(), nullptr);

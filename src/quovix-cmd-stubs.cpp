@@ -29,51 +29,55 @@ void quovix_cmd_opt_do_gen_gin_eam(QUOVIX_CMD_OPT *) {
 }
 
 void quovix_cmd_opt_do_gen_gin(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --gen-gin [input.cif] [type] [os] | {sf} {temperature} {output_name}\n\n",
-                 "Command: [type] the element type of conducting ion, two characters.\n",
-                 "Command: [os] the oxidation state of conducting ion, integer.\n",
-                 "Command: {sf}: screening factor. If set to non-positive value, automatic "
-                 "calculation is triggered. Default -0.1.\n",
-                 "Command: {temperature}: in K. Default 300.\n",
-                 "Command: generates an overall .gin input for a molecular dynamics run with "
-                 "GULP.\n",
-                 "Example: ./quovix.x --gen-gin Li2O.cif Li 1\n"});
+    print_lines(
+        {"Command: --gen-gin [input.cif] [type] [os] | {sf} {temperature} {output_name}\n\n",
+         "Command: [type] the element type of conducting ion, two characters.\n",
+         "Command: [os] the oxidation state of conducting ion, integer.\n",
+         "Command: {sf}: screening factor. If set to non-positive value, automatic "
+         "calculation is triggered. Default -0.1.\n",
+         "Command: {temperature}: in K. Default 300.\n",
+         "Command: generates an overall .gin input for a molecular dynamics run with "
+         "GULP.\n",
+         "Example: ./quovix.x --gen-gin Li2O.cif Li 1\n"});
 }
 
 void quovix_cmd_opt_do_gen_cube_gii(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --gen-cube-gii [input.cif] [type] [os] | {resolution} "
-                 "{flag:periodic} {output_name}\n\n",
-                 "Command: [type] the element type of conducting ion, two characters.\n",
-                 "Command: [os] the oxidation state of conducting ion, integer.\n",
-                 "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
-                 "Command: {flag:periodic}: if set to true, generated cube file contains voxels "
-                 "along boundaries only once. Default true.\n",
-                 "Command: generates the static GII landscape of the conducting ion.\n",
-                 "Example: ./quovix.x --gen-cube-gii Li2O.cif Li 1\n"});
+    print_lines(
+        {"Command: --gen-cube-gii [input.cif] [type] [os] | {resolution} "
+         "{flag:periodic} {output_name}\n\n",
+         "Command: [type] the element type of conducting ion, two characters.\n",
+         "Command: [os] the oxidation state of conducting ion, integer.\n",
+         "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
+         "Command: {flag:periodic}: if set to true, generated cube file contains voxels "
+         "along boundaries only once. Default true.\n",
+         "Command: generates the static GII landscape of the conducting ion.\n",
+         "Example: ./quovix.x --gen-cube-gii Li2O.cif Li 1\n"});
 }
 
 void quovix_cmd_opt_do_gen_cube_tot(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --gen-cube-tot [input.cif] [type] [os] | {sf} {resolution} "
-                 "{flag:periodic} {output_name}\n\n",
-                 "Command: [type] the element type of conducting ion, two characters.\n",
-                 "Command: [os] the oxidation state of conducting ion, integer.\n",
-                 "Command: {sf}: screening factor. If set to non-positive value, automatic "
-                 "calculation is triggered. Default -0.1.\n",
-                 "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
-                 "Command: generates the total energy landscape of the conducting ion.\n",
-                 "Example: ./quovix.x --gen-cube-tot Li2O.cif Li 1\n"});
+    print_lines(
+        {"Command: --gen-cube-tot [input.cif] [type] [os] | {sf} {resolution} "
+         "{flag:periodic} {output_name}\n\n",
+         "Command: [type] the element type of conducting ion, two characters.\n",
+         "Command: [os] the oxidation state of conducting ion, integer.\n",
+         "Command: {sf}: screening factor. If set to non-positive value, automatic "
+         "calculation is triggered. Default -0.1.\n",
+         "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
+         "Command: generates the total energy landscape of the conducting ion.\n",
+         "Example: ./quovix.x --gen-cube-tot Li2O.cif Li 1\n"});
 }
 
 void quovix_cmd_opt_do_gen_cube_tot_eam(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --gen-cube-tot-eam [input.cif] [type] [os] | {sf} {resolution} "
-                 "{flag:periodic} {output_name}\n\n",
-                 "Command: [type] the element type of conducting ion, two characters.\n",
-                 "Command: [os] the oxidation state of conducting ion, integer.\n",
-                 "Command: {sf}: screening factor. If set to non-positive value, automatic "
-                 "calculation is triggered. Default -0.1.\n",
-                 "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
-                 "Command: generates the total energy landscape with the EAM term.\n",
-                 "Example: ./quovix.x --gen-cube-tot-eam Li2O.cif Li 1\n"});
+    print_lines(
+        {"Command: --gen-cube-tot-eam [input.cif] [type] [os] | {sf} {resolution} "
+         "{flag:periodic} {output_name}\n\n",
+         "Command: [type] the element type of conducting ion, two characters.\n",
+         "Command: [os] the oxidation state of conducting ion, integer.\n",
+         "Command: {sf}: screening factor. If set to non-positive value, automatic "
+         "calculation is triggered. Default -0.1.\n",
+         "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
+         "Command: generates the total energy landscape with the EAM term.\n",
+         "Example: ./quovix.x --gen-cube-tot-eam Li2O.cif Li 1\n"});
 }
 
 void quovix_cmd_opt_do_cal_cn(QUOVIX_CMD_OPT *) {
@@ -153,24 +157,26 @@ void quovix_cmd_opt_do_fp_map(QUOVIX_CMD_OPT *) {
                  "Default true.\n",
                  "Command: generates a cif file representing paths in the provided cube.\n",
                  "         H : path dots.\n", "         Li: local minimum.\n",
-                 "         Na: saddle point of 1st type.\n", "         K: saddle point of 2st type.\n",
-                 "         Rb: local maximum.\n", "Example: ./quovix.x --fp-map Li2O.cube\n"});
+                 "         Na: saddle point of 1st type.\n",
+                 "         K: saddle point of 2st type.\n", "         Rb: local maximum.\n",
+                 "Example: ./quovix.x --fp-map Li2O.cube\n"});
 }
 
 void quovix_cmd_opt_do_gh(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --gh [input.cif] [input.cube] [type] [os] | {barrier_max} "
-                 "{flag:periodic}\n\n",
-                 "Command: [type]: type of conducting ions.\n",
-                 "Command: [os]: oxidation state of conducting ions.\n",
-                 "Command: {barrier_max}: Only paths with barrier below this value are shown. If "
-                 "set to non-positive value, all paths are considered. Default -0.1.\n",
-                 "Command: {flag:periodic}: if set to true, cube file is treated as periodic. "
-                 "Default true.\n",
-                 "Command: analyze the conduction pathway of the given cube file and attempt to "
-                 "label sites according to the given cif file. Percolation thresholds are printed "
-                 "to screen, while corresponding pathway files are generated in cif format. "
-                 "Additionally, a summary of the pathway if generated in csv txt format.\n",
-                 "Example: ./quovix.x --gh Li2O.cif Li2O.cube Li 1\n"});
+    print_lines(
+        {"Command: --gh [input.cif] [input.cube] [type] [os] | {barrier_max} "
+         "{flag:periodic}\n\n",
+         "Command: [type]: type of conducting ions.\n",
+         "Command: [os]: oxidation state of conducting ions.\n",
+         "Command: {barrier_max}: Only paths with barrier below this value are shown. If "
+         "set to non-positive value, all paths are considered. Default -0.1.\n",
+         "Command: {flag:periodic}: if set to true, cube file is treated as periodic. "
+         "Default true.\n",
+         "Command: analyze the conduction pathway of the given cube file and attempt to "
+         "label sites according to the given cif file. Percolation thresholds are printed "
+         "to screen, while corresponding pathway files are generated in cif format. "
+         "Additionally, a summary of the pathway if generated in csv txt format.\n",
+         "Example: ./quovix.x --gh Li2O.cif Li2O.cube Li 1\n"});
 }
 
 void quovix_cmd_opt_do_kmc(QUOVIX_CMD_OPT *) {
@@ -208,7 +214,8 @@ void quovix_cmd_opt_do_kmc(QUOVIX_CMD_OPT *) {
         "Command: calculates conductivity by kinetic monte carlo method, importing cube file to "
         "skip the generation of cube.\n");
     std::printf("Example: ./quovix.x --kmc Li2O.cif Li2O.cube Li 1\n");
-    std::printf("Example: ./quovix.x --kmc AgI-a.cif AgI-a.cube Ag 1 2 2 2 -1 600 1000000 -1 -1 -0.1\n");
+    std::printf(
+        "Example: ./quovix.x --kmc AgI-a.cif AgI-a.cube Ag 1 2 2 2 -1 600 1000000 -1 -1 -0.1\n");
 }
 
 void quovix_cmd_opt_do_sites(QUOVIX_CMD_OPT *) {
@@ -221,7 +228,8 @@ void quovix_cmd_opt_do_md(QUOVIX_CMD_OPT *) {
     std::printf(
         "Command: --md [input.cif] {type} {os} | {sf} {temperature} {t_end} {t_equil} {dt} "
         "{t_log}\n\n");
-    std::printf("Command: [input.cif]: must not contain any partial occupancy of conducting ions.\n");
+    std::printf(
+        "Command: [input.cif]: must not contain any partial occupancy of conducting ions.\n");
     std::printf("Command: {type}: type of conducting ions.\n");
     std::printf("Command: {os}: oxidation state of conducting ions.\n");
     std::printf(
@@ -269,9 +277,10 @@ void quovix_cmd_opt_do_text_gen_gin_lib_set_sf(QUOVIX_CMD_OPT *opt) {
         std::fputs("Error: not enough arguments.\n", stderr);
         return;
     }
-    print_lines({"Command: --text-gen-gin-lib-set-sf [sf] -:text [cif words, lines separated by "
-                 "-:nl]\n\n",
-                 "Command: prints the GULP library text with the given screening factor for a "
-                 "CIF given in text mode.\n",
-                 "Example: ./quovix.x --text-gen-gin-lib-set-sf 0.75 -:text data_x -:nl ...\n"});
+    print_lines(
+        {"Command: --text-gen-gin-lib-set-sf [sf] -:text [cif words, lines separated by "
+         "-:nl]\n\n",
+         "Command: prints the GULP library text with the given screening factor for a "
+         "CIF given in text mode.\n",
+         "Example: ./quovix.x --text-gen-gin-lib-set-sf 0.75 -:text data_x -:nl ...\n"});
 }

@@ -161,13 +161,10 @@ constexpr HelpLine kHelp[] = {
     {"--rx-sd", "relax the cell by steepest descent and write the result as CIF."},
     {"--rx-neb", "perform a simple nudged elastic bend calculation with input of two end images."},
     {"--rx-neb-images", "nudged elastic band from a series of images."},
-    {"--fft",
-     "Fourier analysis of a cube: critical points with eigenvalues and eigenvectors."},
-    {"--fft-cubes",
-     "Fourier analysis writing force, force-constant, laplacian and slope cubes."},
+    {"--fft", "Fourier analysis of a cube: critical points with eigenvalues and eigenvectors."},
+    {"--fft-cubes", "Fourier analysis writing force, force-constant, laplacian and slope cubes."},
     {"--fp-map", "CIF file representing the conduction path in a cube."},
-    {"--gh",
-     "CIF and csv files of the characteristic conduction pathway in a cube."},
+    {"--gh", "CIF and csv files of the characteristic conduction pathway in a cube."},
     {"--sites", "summary of sites based on graph analysis."},
     {"--md", "perform a molecular dynamics allowing only conducting ions to move."},
     {"--kmc",
@@ -410,8 +407,7 @@ void quovix_cmd_name_append(char out[QUOVIX_PATH_LEN], const char *input, const 
     std::snprintf(out, QUOVIX_PATH_LEN, "%.1000s%s", input ? input : "", suffix ? suffix : "");
 }
 
-void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input,
-                                 const char *suffix) {
+void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input, const char *suffix) {
     char base[QUOVIX_PATH_LEN];
     std::snprintf(base, sizeof(base), "%.1000s", input ? input : "");
     std::size_t n = std::strlen(base);

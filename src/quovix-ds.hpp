@@ -8,9 +8,9 @@ struct QUOVIX_LIST_NODE {
 };
 
 struct QUOVIX_LIST {
-    QUOVIX_LIST_NODE *head;  // sentinel before the first element
-    QUOVIX_LIST_NODE *tail;  // sentinel after the last element
-    QUOVIX_LIST_NODE *curr;  // node touched by the last operation
+    QUOVIX_LIST_NODE *head;     // sentinel before the first element
+    QUOVIX_LIST_NODE *tail;     // sentinel after the last element
+    QUOVIX_LIST_NODE *curr;     // node touched by the last operation
     void (*func_free)(void *);  // releases element data; null: the list only refers to it
 };
 

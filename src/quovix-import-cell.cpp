@@ -126,7 +126,8 @@ void quovix_cell_update_lattice_fractional(QUOVIX_CELL *cell) {
     if (cell == nullptr) return;
     const double(*m)[3] = cell->a;
     double len[3];
-    for (int k = 0; k < 3; ++k) len[k] = std::sqrt(m[k][0] * m[k][0] + m[k][1] * m[k][1] + m[k][2] * m[k][2]);
+    for (int k = 0; k < 3; ++k)
+        len[k] = std::sqrt(m[k][0] * m[k][0] + m[k][1] * m[k][1] + m[k][2] * m[k][2]);
     const auto angle = [&](int i, int j) {
         const double dot = m[i][0] * m[j][0] + m[i][1] * m[j][1] + m[i][2] * m[j][2];
         double cosv = dot / (len[i] * len[j]);
@@ -145,7 +146,8 @@ void quovix_cell_update_coordinate_cartesion(QUOVIX_CELL *cell) {
     for (long i = 0; i < cell->total; ++i) {
         QUOVIX_ATOM &at = cell->atom[i];
         for (int k = 0; k < 3; ++k) {
-            at.x[k] = at.x_f[0] * cell->a[0][k] + at.x_f[1] * cell->a[1][k] + at.x_f[2] * cell->a[2][k];
+            at.x[k] =
+                at.x_f[0] * cell->a[0][k] + at.x_f[1] * cell->a[1][k] + at.x_f[2] * cell->a[2][k];
         }
     }
 }
@@ -221,7 +223,8 @@ double quovix_cell_min_distance_btw_atoms(QUOVIX_CELL *cell, const QUOVIX_ATOM *
             for (int k = -1; k <= 1; ++k) {
                 double d2 = 0.0;
                 for (int c = 0; c < 3; ++c) {
-                    const double p = atom2->x[c] + i * cell->a[0][c] + j * cell->a[1][c] + k * cell->a[2][c];
+                    const double p =
+                        atom2->x[c] + i * cell->a[0][c] + j * cell->a[1][c] + k * cell->a[2][c];
                     d2 += (p - atom1->x[c]) * (p - atom1->x[c]);
                 }
                 const double d = std::sqrt(d2);
@@ -254,7 +257,8 @@ void quovix_cell_update_name(QUOVIX_CELL *cell) {
             std::string piece;
             appendf(piece, "%s%d%c:%.3f ", sorted[i].type, quovix_abs_os(sorted[i].os),
                     quovix_sign_char(sorted[i].os), occ);
-            if (name.size() + piece.size() > static_cast<std::size_t>(QUOVIX_CELL_NAME_LEN - 1)) break;
+            if (name.size() + piece.size() > static_cast<std::size_t>(QUOVIX_CELL_NAME_LEN - 1))
+                break;
             name += piece;
             i = j;
         }
@@ -278,7 +282,8 @@ int quovix_cell_count_type_os(QUOVIX_CELL *cell) {
     if (!cell_has_atoms(cell)) return 0;
     return quovix_guard("species list", [&]() -> int {
         std::set<std::pair<std::string, int>> species;
-        for (long i = 0; i < cell->total; ++i) species.emplace(cell->atom[i].type, cell->atom[i].os);
+        for (long i = 0; i < cell->total; ++i)
+            species.emplace(cell->atom[i].type, cell->atom[i].os);
         return static_cast<int>(species.size());
     });
 }
@@ -299,7 +304,8 @@ QUOVIX_CELL *quovix_cell_supercell(QUOVIX_CELL *cell, const long multiple[3]) {
     long count = cell->total;
     for (int k = 0; k < 3; ++k) {
         if (multiple[k] > QUOVIX_MAX_ATOMS || count > QUOVIX_MAX_ATOMS / multiple[k]) {
-            std::fprintf(stderr, "Error: supercell %ld x %ld x %ld of %ld atoms exceeds %ld atoms.\n",
+            std::fprintf(stderr,
+                         "Error: supercell %ld x %ld x %ld of %ld atoms exceeds %ld atoms.\n",
                          multiple[0], multiple[1], multiple[2], cell->total, QUOVIX_MAX_ATOMS);
             return nullptr;
         }
@@ -416,7 +422,8 @@ bool quovix_cell_partial_occ_at_conducting_site(QUOVIX_CELL *cell, const char *t
         if (!same_species(cell->atom[i], type, os)) continue;
         for (long j = 0; j < cell->total; ++j) {
             if (same_species(cell->atom[j], type, os)) continue;
-            if (quovix_cell_min_distance_btw_atoms(cell, &cell->atom[i], &cell->atom[j]) < kSharedSite) {
+            if (quovix_cell_min_distance_btw_atoms(cell, &cell->atom[i], &cell->atom[j]) <
+                kSharedSite) {
                 return true;
             }
         }
@@ -478,8 +485,8 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ(QUOVIX_CELL *cell, const char *type,
 /// 0.3 A; undecided atoms left over are dropped. Then, while the total charge sum(occ os)
 /// exceeds 0.5 |os| in magnitude, random conducting atoms are removed, or restored onto
 /// empty sites. Atoms left with occupancy below 0.01 are dropped. New cell or null.
-QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell,
-                                                               const char *type, int os) {
+QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell, const char *type,
+                                                               int os) {
     if (!cell_has_atoms(cell) || type == nullptr) {
         std::fputs("Error: QUOVIX_CELL has not been properly initialized.\n", stderr);
         return nullptr;
@@ -492,7 +499,8 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell
         const auto at = [&](long i) -> QUOVIX_ATOM & { return atoms[static_cast<std::size_t>(i)]; };
         const auto st = [&](long i) -> char & { return state[static_cast<std::size_t>(i)]; };
         const auto close = [&](long i, long j) {
-            return quovix_cell_min_distance_btw_atoms(cell, &cell->atom[i], &cell->atom[j]) < kSharedSite;
+            return quovix_cell_min_distance_btw_atoms(cell, &cell->atom[i], &cell->atom[j]) <
+                   kSharedSite;
         };
 
         // Sites to resolve.
@@ -538,7 +546,8 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell
         std::vector<double> share(species.size(), 0.0);
         for (std::size_t k = 0; k < species.size(); ++k) {
             for (long i : site) {
-                if (same_species(at(i), species[k].first.c_str(), species[k].second)) share[k] += at(i).occ;
+                if (same_species(at(i), species[k].first.c_str(), species[k].second))
+                    share[k] += at(i).occ;
             }
         }
         for (std::size_t k = 0; k < species.size(); ++k) {
@@ -561,7 +570,8 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell
                 failures = 0;
                 st(pick) = chosen;
                 at(pick).occ = 1.0;
-                const auto u = static_cast<std::size_t>(std::find(site.begin(), site.end(), pick) - site.begin());
+                const auto u = static_cast<std::size_t>(std::find(site.begin(), site.end(), pick) -
+                                                        site.begin());
                 for (long other : near[u]) {
                     if (st(other) == undecided) st(other) = removed;
                 }
@@ -581,7 +591,8 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell
                 if (st(i) != removed) q += at(i).occ * at(i).os;
             }
             const double limit = 0.5 * std::fabs(static_cast<double>(os));
-            for (std::size_t step = 0; step <= 2 * conducting.size() && std::fabs(q) > limit; ++step) {
+            for (std::size_t step = 0; step <= 2 * conducting.size() && std::fabs(q) > limit;
+                 ++step) {
                 const bool fewer = (q > 0.0) == (os > 0);
                 std::vector<long> cand;
                 if (fewer) {
@@ -597,10 +608,12 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell
                     // Only onto empty sites: every atom within 0.3 A must be gone.
                     for (long i : conducting) {
                         if (st(i) != removed) continue;
-                        const auto u = static_cast<std::size_t>(std::find(site.begin(), site.end(), i) - site.begin());
+                        const auto u = static_cast<std::size_t>(
+                            std::find(site.begin(), site.end(), i) - site.begin());
                         bool free_site = true;
                         if (u < site.size()) {
-                            for (long other : near[u]) free_site = free_site && st(other) == removed;
+                            for (long other : near[u])
+                                free_site = free_site && st(other) == removed;
                         }
                         if (free_site) cand.push_back(i);
                     }
@@ -620,7 +633,8 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell
 
         std::vector<char> keep(static_cast<std::size_t>(n));
         for (long i = 0; i < n; ++i) {
-            keep[static_cast<std::size_t>(i)] = st(i) != removed && at(i).occ >= kMinOccupancy ? 1 : 0;
+            keep[static_cast<std::size_t>(i)] =
+                st(i) != removed && at(i).occ >= kMinOccupancy ? 1 : 0;
         }
         return copy_with_atoms(cell, atoms, keep);
     });
@@ -649,11 +663,13 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_all(QUOVIX_CELL *cell) {
         return nullptr;
     }
     for (int s = 0; s < ppt->total; ++s) {
-        if (!quovix_cell_partial_occ_at_conducting_site(work.get(), ppt->type[s], ppt->os[s])) continue;
-        quovix_cell_ptr next(quovix_cell_assign_partial_occ_at_conducting_site(work.get(), ppt->type[s],
-                                                                               ppt->os[s]));
+        if (!quovix_cell_partial_occ_at_conducting_site(work.get(), ppt->type[s], ppt->os[s]))
+            continue;
+        quovix_cell_ptr next(quovix_cell_assign_partial_occ_at_conducting_site(
+            work.get(), ppt->type[s], ppt->os[s]));
         if (!next) {
-            std::fputs("Error: quovix_cell_assign_partial_occ_at_conducting_site() returns NULL.\n", stderr);
+            std::fputs("Error: quovix_cell_assign_partial_occ_at_conducting_site() returns NULL.\n",
+                       stderr);
             return nullptr;
         }
         work = std::move(next);
@@ -700,7 +716,8 @@ QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *
         appendf(s, "_cell_angle_alpha                 %.3f\r\n", c.angle[0]);
         appendf(s, "_cell_angle_beta                  %.3f\r\n", c.angle[1]);
         appendf(s, "_cell_angle_gamma                 %.3f\r\n", c.angle[2]);
-        appendf(s, "_cell_volume                      %.3f\r\n", quovix_cell_calculate_volume(reduced.get()));
+        appendf(s, "_cell_volume                      %.3f\r\n",
+                quovix_cell_calculate_volume(reduced.get()));
         appendf(s, "_cell_formula_units_Z             %d\r\n", c.Z);
         appendf(s, "_symmetry_space_group_name_H-M    '%s'\r\n", symmetry->sg_HM);
         appendf(s, "_symmetry_Int_Tables_number       %d\r\n", symmetry->sg_id);
@@ -716,7 +733,8 @@ QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *
         for (long i = 0; i < c.total; ++i) {
             const QUOVIX_ATOM &a = c.atom[i];
             if (i > 0 && same_species(c.atom[i - 1], a.type, a.os)) continue;
-            appendf(s, "  %s%d%c     %d\r\n", a.type, quovix_abs_os(a.os), quovix_sign_char(a.os), a.os);
+            appendf(s, "  %s%d%c     %d\r\n", a.type, quovix_abs_os(a.os), quovix_sign_char(a.os),
+                    a.os);
         }
         s += "\r\nloop_\r\n";
         s += "  _atom_site_label\r\n";
@@ -727,8 +745,9 @@ QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *
         s += "  _atom_site_occupancy\r\n";
         for (long i = 0; i < c.total; ++i) {
             const QUOVIX_ATOM &a = c.atom[i];
-            appendf(s, "  %s  %s%d%c  %.3f  %.3f  %.3f  %.3f\r\n", a.name, a.type, quovix_abs_os(a.os),
-                    quovix_sign_char(a.os), a.x_f[0], a.x_f[1], a.x_f[2], a.occ);
+            appendf(s, "  %s  %s%d%c  %.3f  %.3f  %.3f  %.3f\r\n", a.name, a.type,
+                    quovix_abs_os(a.os), quovix_sign_char(a.os), a.x_f[0], a.x_f[1], a.x_f[2],
+                    a.occ);
         }
         s += "\r\n#end of data\r\n";
         QUOVIX_TEXT *text = quovix_text_new(s.c_str());

@@ -111,7 +111,8 @@ bool first_token(const char *row, std::string &out) {
 // a token stay null). Released with quovix_array_char_3D_free(loop, rows, cols).
 int build_loop(char ****out, char **content, long header_begin, long data_begin, long data_end,
                long rows, long cols) {
-    char ***loop = static_cast<char ***>(std::calloc(static_cast<std::size_t>(rows), sizeof(char **)));
+    char ***loop =
+        static_cast<char ***>(std::calloc(static_cast<std::size_t>(rows), sizeof(char **)));
     if (loop == nullptr) {
         std::fputs("Error: unable to allocate loop.\n", stderr);
         return 1;
@@ -149,7 +150,8 @@ int build_loop(char ****out, char **content, long header_begin, long data_begin,
     for (long r = data_begin; r < data_end; ++r) {
         const long record = r - data_begin + 1;
         if (!tokenize_record(content[r], tokens)) {
-            std::fprintf(stderr, "Error: open single quotation mark detected at row %ld.\n", record);
+            std::fprintf(stderr, "Error: open single quotation mark detected at row %ld.\n",
+                         record);
             return fail();
         }
         // Tokens beyond the loop's columns are discarded.
@@ -254,7 +256,8 @@ int quovix_cell_import_cif_from_file(QUOVIX_CELL **cell, QUOVIX_SYMMETRY **symme
         std::fputs("Error: quovix_text_import_from_file() returns NULL.\n", stderr);
         return 1;
     }
-    if (quovix_cell_import_cif_from_text(cell, symmetry, text.get(), dir_symcards, dir_unitary) != 0) {
+    if (quovix_cell_import_cif_from_text(cell, symmetry, text.get(), dir_symcards, dir_unitary) !=
+        0) {
         std::fputs("Error: quovix_cell_import_cif_from_text() returns NULL.\n", stderr);
         return 1;
     }
@@ -296,8 +299,10 @@ int quovix_cell_import_cif_from_text(QUOVIX_CELL **cell, QUOVIX_SYMMETRY **symme
 
     char ***loop = nullptr;
     long lrows = 0, lcols = 0;
-    if (quovix_cell_import_cif_grep_loop(&loop, &lrows, &lcols, "_atom_site_label", rows, row) != 0) {
-        std::fputs("Error: unable to find compulsory keyword '_atom_site_label' in cif file.\n", stderr);
+    if (quovix_cell_import_cif_grep_loop(&loop, &lrows, &lcols, "_atom_site_label", rows, row) !=
+        0) {
+        std::fputs("Error: unable to find compulsory keyword '_atom_site_label' in cif file.\n",
+                   stderr);
         return 1;
     }
     struct LoopOwner {
@@ -323,15 +328,17 @@ int quovix_cell_import_cif_from_text(QUOVIX_CELL **cell, QUOVIX_SYMMETRY **symme
     } else if (quovix_cell_import_cif_exist_keyword("_atom_type_oxidation_number", rows, row)) {
         char ***tloop = nullptr;
         long trows = 0, tcols = 0;
-        if (quovix_cell_import_cif_grep_loop(&tloop, &trows, &tcols, "_atom_type_symbol", rows, row) != 0) {
+        if (quovix_cell_import_cif_grep_loop(&tloop, &trows, &tcols, "_atom_type_symbol", rows,
+                                             row) != 0) {
             std::fputs("Error: unable to find keyword '_atom_type_symbol' in cif file.\n", stderr);
             return 1;
         }
-        const int status = quovix_cell_import_cif_read_atom_typeos(atom, loop, lrows, lcols, tloop,
-                                                                   trows, tcols);
+        const int status =
+            quovix_cell_import_cif_read_atom_typeos(atom, loop, lrows, lcols, tloop, trows, tcols);
         quovix_array_char_3D_free(tloop, trows, tcols);
         if (status != 0) {
-            std::fputs("Error: quovix_cell_import_cif_read_atom_typeos() returns non-zero.\n", stderr);
+            std::fputs("Error: quovix_cell_import_cif_read_atom_typeos() returns non-zero.\n",
+                       stderr);
             return 1;
         }
     } else if (quovix_cell_import_cif_read_atom_type(atom, loop, lrows, lcols) != 0) {
@@ -392,14 +399,14 @@ int quovix_cell_import_cif_from_text(QUOVIX_CELL **cell, QUOVIX_SYMMETRY **symme
 /// Reads "prefix.0.cif" .. "prefix.(n-1).cif"; each file's symmetry is freed at once.
 /// Returns an array of n new cells (free each with quovix_cell_free, then the array with
 /// std::free), or null with everything read so far freed.
-QUOVIX_CELL **quovix_cells_import_cif_from_file(const char *prefix, int n,
-                                                const char *dir_symcards,
+QUOVIX_CELL **quovix_cells_import_cif_from_file(const char *prefix, int n, const char *dir_symcards,
                                                 const char *dir_unitary) {
     if (n < 1) {
         std::fputs("Error: number of cells must be larger than zero.\n", stderr);
         return nullptr;
     }
-    auto **cells = static_cast<QUOVIX_CELL **>(std::calloc(static_cast<std::size_t>(n), sizeof(QUOVIX_CELL *)));
+    auto **cells = static_cast<QUOVIX_CELL **>(
+        std::calloc(static_cast<std::size_t>(n), sizeof(QUOVIX_CELL *)));
     if (cells == nullptr) {
         std::fputs("Error: unable to allocate QUOVIX_CELL[].\n", stderr);
         return nullptr;
@@ -408,7 +415,8 @@ QUOVIX_CELL **quovix_cells_import_cif_from_file(const char *prefix, int n,
         char name[QUOVIX_PATH_LEN];
         std::snprintf(name, sizeof name, "%.1000s.%d.cif", prefix != nullptr ? prefix : "", i);
         QUOVIX_SYMMETRY *sym = nullptr;
-        if (quovix_cell_import_cif_from_file(&cells[i], &sym, name, dir_symcards, dir_unitary) != 0) {
+        if (quovix_cell_import_cif_from_file(&cells[i], &sym, name, dir_symcards, dir_unitary) !=
+            0) {
             std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
             for (int k = 0; k < i; ++k) quovix_cell_free(cells[k]);
             std::free(cells);
@@ -470,14 +478,16 @@ char *quovix_cell_import_cif_grep_keyword(const char *key, char **rows, long row
 /// block with data rows, or with an error line for malformed records.
 int quovix_cell_import_cif_grep_loop(char ****loop, long *rows, long *cols, const char *key,
                                      char **content, long row) {
-    if (loop == nullptr || rows == nullptr || cols == nullptr || key == nullptr || content == nullptr) {
+    if (loop == nullptr || rows == nullptr || cols == nullptr || key == nullptr ||
+        content == nullptr) {
         std::fputs("Error: unable to allocate loop.\n", stderr);
         return 1;
     }
     *loop = nullptr;
     *rows = 0;
     *cols = 0;
-    return quovix_guard("loop", [&]() -> int { return grep_loop(loop, rows, cols, key, content, row); });
+    return quovix_guard("loop",
+                        [&]() -> int { return grep_loop(loop, rows, cols, key, content, row); });
 }
 
 /// 1 for a null or empty row or one holding only spaces, tabs, LF and CR.
@@ -648,13 +658,13 @@ int quovix_cell_import_cif_read_atom_constraint(QUOVIX_ATOM *atom, char ***loop,
 constexpr double kMaxCellLength = 1.0e4;
 
 /// Cell lengths, angles (compulsory, in that order) and Z (optional). Lengths must be
-/// positive and at most 1e4 A, angles strictly between 0 and 180 degrees and the three angles must span a
-/// volume; anything else is rejected with an error line.
+/// positive and at most 1e4 A, angles strictly between 0 and 180 degrees and the three angles must
+/// span a volume; anything else is rejected with an error line.
 int quovix_cell_import_cif_read_lattice(QUOVIX_CELL *cell, char **rows, long row) {
     if (cell == nullptr) return 1;
-    static const char *const keys[6] = {"_cell_length_a",    "_cell_length_b",
-                                        "_cell_length_c",    "_cell_angle_alpha",
-                                        "_cell_angle_beta",  "_cell_angle_gamma"};
+    static const char *const keys[6] = {"_cell_length_a",   "_cell_length_b",
+                                        "_cell_length_c",   "_cell_angle_alpha",
+                                        "_cell_angle_beta", "_cell_angle_gamma"};
     double v[6] = {0, 0, 0, 0, 0, 0};
     for (int k = 0; k < 6; ++k) {
         char *value = quovix_cell_import_cif_grep_keyword(keys[k], rows, row);
@@ -672,12 +682,13 @@ int quovix_cell_import_cif_read_lattice(QUOVIX_CELL *cell, char **rows, long row
     }
     for (int k = 0; k < 3; ++k) {
         if (!(v[k] > 0.0)) {
-            std::fprintf(stderr, "Error: invalid lattice: %s = %f must be positive.\n", keys[k], v[k]);
+            std::fprintf(stderr, "Error: invalid lattice: %s = %f must be positive.\n", keys[k],
+                         v[k]);
             return 1;
         }
         if (v[k] > kMaxCellLength) {
-            std::fprintf(stderr, "Error: invalid lattice: %s = %g exceeds %.0f angstrom.\n", keys[k],
-                         v[k], kMaxCellLength);
+            std::fprintf(stderr, "Error: invalid lattice: %s = %g exceeds %.0f angstrom.\n",
+                         keys[k], v[k], kMaxCellLength);
             return 1;
         }
         if (!(v[k + 3] > 0.0 && v[k + 3] < 180.0)) {
@@ -692,8 +703,8 @@ int quovix_cell_import_cif_read_lattice(QUOVIX_CELL *cell, char **rows, long row
                  cg = std::cos(v[5] * QUOVIX_DEG_TO_RAD);
     const double gram = 1.0 - ca * ca - cb * cb - cg * cg + 2.0 * ca * cb * cg;
     if (!(gram > 1e-10)) {
-        std::fprintf(stderr, "Error: invalid lattice: angles %f %f %f give no volume.\n", v[3], v[4],
-                     v[5]);
+        std::fprintf(stderr, "Error: invalid lattice: angles %f %f %f give no volume.\n", v[3],
+                     v[4], v[5]);
         return 1;
     }
     for (int k = 0; k < 3; ++k) {
@@ -788,7 +799,8 @@ int quovix_atom_update_default_os(QUOVIX_ATOM *atom, long total, const char *dir
     return quovix_guard("element table", [&]() -> int {
         std::vector<ElementRow> table;
         if (!read_element_table(dir_unitary, table)) {
-            std::fprintf(stderr, "Error: unable to open %s\n", dir_unitary != nullptr ? dir_unitary : "");
+            std::fprintf(stderr, "Error: unable to open %s\n",
+                         dir_unitary != nullptr ? dir_unitary : "");
             return 1;
         }
         if (atom == nullptr) return 0;

@@ -26,9 +26,7 @@ void copy_type(char dst[QUOVIX_TYPE_LEN], const char *src) {
     for (; k < QUOVIX_TYPE_LEN; ++k) dst[k] = '\0';
 }
 
-bool same_type(const char *a, const char *b) {
-    return std::strncmp(a, b, QUOVIX_TYPE_LEN) == 0;
-}
+bool same_type(const char *a, const char *b) { return std::strncmp(a, b, QUOVIX_TYPE_LEN) == 0; }
 
 bool same_species(const QUOVIX_ATOM &a, const QUOVIX_ATOM &b) {
     return same_type(a.type, b.type) && a.os == b.os;
@@ -80,8 +78,8 @@ match_result match_unitary(QUOVIX_PROPERTY_UNITARY *uni, const char *line) {
     if (std::strcmp(symbol, uni->type) != 0 || os != uni->os) return match_result::absent;
     int an = 0, n = 0, g = 0, b = 0;
     double m = 0.0, rc = 0.0, soft = 0.0;
-    if (std::sscanf(line, "%d %*s %*d %*d %lf %d %d %d %lf %lf", &an, &m, &n, &g, &b, &rc,
-                    &soft) < 7) {
+    if (std::sscanf(line, "%d %*s %*d %*d %lf %d %d %d %lf %lf", &an, &m, &n, &g, &b, &rc, &soft) <
+        7) {
         return match_result::unreadable;
     }
     uni->an = an;
@@ -471,8 +469,8 @@ int quovix_property_append_index(QUOVIX_PROPERTY *ppt, const char *type, int os)
         return 1;
     }
     ppt->type = new_type;
-    auto *new_os = static_cast<int *>(
-        std::realloc(ppt->os, sizeof(int) * static_cast<std::size_t>(total)));
+    auto *new_os =
+        static_cast<int *>(std::realloc(ppt->os, sizeof(int) * static_cast<std::size_t>(total)));
     if (new_os == nullptr) {
         std::fputs("Error: unable to reallocate ppt->os.\n", stderr);
         return 1;
@@ -603,8 +601,7 @@ int quovix_property_update(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell, const char *
 /// cn = slope * cn_ref + intercept, linear relations between the coordination numbers of the
 /// halides / chalcogenides of one cation. r0 and b are never estimated. Never fails on a
 /// valid record; a failed reference read leaves the pair unchanged.
-int quovix_property_binary_estimate_from_file(QUOVIX_PROPERTY_BINARY *bin,
-                                              const char *dir_binary) {
+int quovix_property_binary_estimate_from_file(QUOVIX_PROPERTY_BINARY *bin, const char *dir_binary) {
     if (bin == nullptr) {
         std::fputs("Error: QUOVIX_PROPERTY_BINARY has not been properly initialized.\n", stderr);
         return 1;
@@ -909,8 +906,8 @@ int quovix_property_calculate_type_count(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell
 ///       - 0.51 ln(cn_KX) + 0.5272 ln(r0_KX)
 /// (K the cation, X the anion of the pair). A species without partners gets NaN (0/0).
 int quovix_property_calculate_unitary_eam_parameter(QUOVIX_PROPERTY *ppt) {
-    if (ppt == nullptr || (ppt->total > 0 && (ppt->uni == nullptr || ppt->bin == nullptr ||
-                                              ppt->count == nullptr))) {
+    if (ppt == nullptr ||
+        (ppt->total > 0 && (ppt->uni == nullptr || ppt->bin == nullptr || ppt->count == nullptr))) {
         std::fputs("Error: QUOVIX_CELL and QUOVIX_PROPERTY has not been initialized.\n", stderr);
         return 1;
     }
@@ -923,8 +920,8 @@ int quovix_property_calculate_unitary_eam_parameter(QUOVIX_PROPERTY *ppt) {
             const QUOVIX_PROPERTY_BINARY &bin = ppt->bin[k][x];
             const QUOVIX_PROPERTY_UNITARY &uk = ppt->uni[k];
             const double e =
-                0.5879 * std::log(std::fabs(static_cast<double>(ppt->os[k]) / ppt->os[x])) +
-                0.135 - 0.0898 * std::log(uk.soft) - 0.9956 * std::log(bin.b) +
+                0.5879 * std::log(std::fabs(static_cast<double>(ppt->os[k]) / ppt->os[x])) + 0.135 -
+                0.0898 * std::log(uk.soft) - 0.9956 * std::log(bin.b) +
                 0.3986 * std::log(static_cast<double>(uk.n)) - 0.51 * std::log(bin.cn) +
                 0.5272 * std::log(bin.r0);
             num += std::exp(e) * bin.f0 * ppt->count[j];

@@ -55,7 +55,7 @@ double distance3(const double p[3], const double q[3]) {
 // sit in the same or in periodically adjacent bins on every axis; candidates from those 27
 // bins are then tested with quovix_atom_equal itself, so the tolerances are unchanged.
 class FracBins {
-public:
+   public:
     FracBins(const QUOVIX_ATOM *atom, long total) {
         // Aim at about two atoms per bin, never narrower than the equality window.
         long nb = static_cast<long>(std::cbrt(static_cast<double>(total) / 2.0));
@@ -74,8 +74,8 @@ public:
         std::vector<long> fill(start_.begin(), start_.end() - 1);
         // Filled in array order, so each bin lists its atoms by increasing index.
         for (long i = 0; i < total; ++i) {
-            index_[static_cast<std::size_t>(fill[static_cast<std::size_t>(
-                key[static_cast<std::size_t>(i)])]++)] = i;
+            index_[static_cast<std::size_t>(
+                fill[static_cast<std::size_t>(key[static_cast<std::size_t>(i)])]++)] = i;
         }
     }
 
@@ -98,7 +98,7 @@ public:
         }
     }
 
-private:
+   private:
     long axis_bin(double v) const {
         if (!std::isfinite(v)) return 0;  // never equal to anything; any bin will do
         const double u = wrap_unit(v);
@@ -109,7 +109,9 @@ private:
     }
     long wrap(long b) const { return (b % nb_ + nb_) % nb_; }
     long flat(long i, long j, long k) const { return (i * nb_ + j) * nb_ + k; }
-    long bin_of(const double x[3]) const { return flat(axis_bin(x[0]), axis_bin(x[1]), axis_bin(x[2])); }
+    long bin_of(const double x[3]) const {
+        return flat(axis_bin(x[0]), axis_bin(x[1]), axis_bin(x[2]));
+    }
 
     long nb_ = 1;
     std::vector<long> start_;
@@ -120,7 +122,7 @@ private:
 // compares Cartesian positions without periodic images). The bin edge is at least the
 // tolerance, so a partner closer than the tolerance lies in one of at most 2 x 2 x 2 bins.
 class CartBins {
-public:
+   public:
     CartBins(const QUOVIX_CELL *cell, double tolerance) {
         const long n = cell->total;
         double lo[3] = {0.0, 0.0, 0.0};
@@ -166,7 +168,7 @@ public:
         }
     }
 
-private:
+   private:
     long cell_of(double v) const {
         const double c = std::floor(v / edge_);
         // Positions are bounded by the cell in practice; clamp to keep the key finite.
@@ -186,8 +188,8 @@ private:
 // Fractional image of an atom under a card, wrapped into [0, 1).
 void image_frac(double out[3], const double x[3], const QUOVIX_CARD *card) {
     for (int k = 0; k < 3; ++k) {
-        const double v = card->r_f[k][0] * x[0] + card->r_f[k][1] * x[1] +
-                         card->r_f[k][2] * x[2] + card->t_f[k];
+        const double v =
+            card->r_f[k][0] * x[0] + card->r_f[k][1] * x[1] + card->r_f[k][2] * x[2] + card->t_f[k];
         out[k] = wrap_unit(v);
     }
 }
@@ -272,7 +274,8 @@ bool settings_load(Settings &s, const char *path) {
     quovix_file_ptr fp(std::fopen(path, "rb"));
     if (!fp) return false;
     char buf[65536];
-    for (std::size_t got; (got = std::fread(buf, 1, sizeof buf, fp.get())) > 0;) s.data.append(buf, got);
+    for (std::size_t got; (got = std::fread(buf, 1, sizeof buf, fp.get())) > 0;)
+        s.data.append(buf, got);
     constexpr std::size_t kRowMax = 1023;
     bool started = false;
     const std::string_view all(s.data);
@@ -312,8 +315,8 @@ void copy_symbol(char out[QUOVIX_SG_LEN], const char *text) {
 // the entry is cut short or one of its operations cannot be read.
 QUOVIX_SYMMETRY *settings_entry(const Settings &s, std::size_t r, const char *path, int no) {
     int n = 0;
-    if (r + 4 >= s.rows.size() || std::sscanf(std::string(s.rows[r + 4]).c_str(), "%d", &n) != 1 || n < 1 ||
-        static_cast<std::size_t>(n) > s.rows.size() - (r + 5)) {
+    if (r + 4 >= s.rows.size() || std::sscanf(std::string(s.rows[r + 4]).c_str(), "%d", &n) != 1 ||
+        n < 1 || static_cast<std::size_t>(n) > s.rows.size() - (r + 5)) {
         std::fprintf(stderr, "Error: invalid space group entry No.%d in %s.\n", no, path);
         return nullptr;
     }
@@ -327,8 +330,9 @@ QUOVIX_SYMMETRY *settings_entry(const Settings &s, std::size_t r, const char *pa
     scan_symbol(sym->sg_HM, s.rows[r + 3]);
     for (int k = 0; k < n; ++k) {
         std::string op(s.rows[r + 5 + static_cast<std::size_t>(k)]);
-        op.erase(std::remove_if(op.begin(), op.end(), [](char ch) { return ch == '\r' || ch == '\n'; }),
-                 op.end());
+        op.erase(
+            std::remove_if(op.begin(), op.end(), [](char ch) { return ch == '\r' || ch == '\n'; }),
+            op.end());
         if (quovix_card_set_by_text(&sym->card[k], op.c_str()) != 0) {
             std::fputs("quovix_card_set_by_text() returns non-zero.\n", stderr);
             return nullptr;
@@ -363,17 +367,21 @@ QUOVIX_SYMMETRY *settings_lookup(const char *text, const char *path, Lookup how,
         if (found >= s.rows.size()) {
             switch (how) {
                 case Lookup::hm:
-                    std::fprintf(stderr, "Error: unable to find keyword H-M %s in %s.\n", text, path);
+                    std::fprintf(stderr, "Error: unable to find keyword H-M %s in %s.\n", text,
+                                 path);
                     break;
                 case Lookup::id:
-                    std::fprintf(stderr, "Error: unable to find keyword id %s in %s.\n", text, path);
+                    std::fprintf(stderr, "Error: unable to find keyword id %s in %s.\n", text,
+                                 path);
                     break;
                 case Lookup::hall:
-                    std::fprintf(stderr, "Error: unable to find keyword Hall %s in %s.\n", text, path);
+                    std::fprintf(stderr, "Error: unable to find keyword Hall %s in %s.\n", text,
+                                 path);
                     break;
                 case Lookup::internal:
-                    std::fprintf(stderr, "Error: unable to find required space group No.%d in %s.\n",
-                                 no, path);
+                    std::fprintf(stderr,
+                                 "Error: unable to find required space group No.%d in %s.\n", no,
+                                 path);
                     break;
             }
             return nullptr;
@@ -437,13 +445,14 @@ void exchange_pass_plain(QUOVIX_ATOM *atom, long total, int pass) {
 }
 
 class MinTree {
-public:
+   public:
     explicit MinTree(const std::vector<int> &v) : n_(v.size()) {
         size_ = 1;
         while (size_ < n_) size_ <<= 1;
         tree_.assign(2 * size_, INT_MAX);
         for (std::size_t i = 0; i < n_; ++i) tree_[size_ + i] = v[i];
-        for (std::size_t i = size_ - 1; i >= 1; --i) tree_[i] = std::min(tree_[2 * i], tree_[2 * i + 1]);
+        for (std::size_t i = size_ - 1; i >= 1; --i)
+            tree_[i] = std::min(tree_[2 * i], tree_[2 * i + 1]);
     }
     void set(std::size_t i, int v) {
         std::size_t p = size_ + i;
@@ -451,10 +460,13 @@ public:
         for (p >>= 1; p >= 1; p >>= 1) tree_[p] = std::min(tree_[2 * p], tree_[2 * p + 1]);
     }
     // First index >= from whose value is below v, or n when there is none.
-    std::size_t first_below(std::size_t from, int v) const { return find(1, 0, size_ - 1, from, v); }
+    std::size_t first_below(std::size_t from, int v) const {
+        return find(1, 0, size_ - 1, from, v);
+    }
 
-private:
-    std::size_t find(std::size_t node, std::size_t lo, std::size_t hi, std::size_t from, int v) const {
+   private:
+    std::size_t find(std::size_t node, std::size_t lo, std::size_t hi, std::size_t from,
+                     int v) const {
         if (hi < from || tree_[node] >= v) return n_;
         if (lo == hi) return lo;
         const std::size_t mid = lo + (hi - lo) / 2;
@@ -509,7 +521,8 @@ void mark_duplicates(QUOVIX_ATOM *atom, long total, bool fast) {
         for (long i = 0; i < total; ++i) {
             if (atom[i].ignored) continue;
             for (long j = i + 1; j < total; ++j) {
-                if (!atom[j].ignored && quovix_atom_equal(&atom[i], &atom[j])) atom[j].ignored = true;
+                if (!atom[j].ignored && quovix_atom_equal(&atom[i], &atom[j]))
+                    atom[j].ignored = true;
             }
         }
         return;
@@ -587,7 +600,8 @@ QUOVIX_CELL *reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, bo
                     }
                 } else {
                     bins->for_each_near(img.x_f, [&](long j) {
-                        if (j > i && !a[j].ignored && quovix_atom_equal(&img, &a[j])) a[j].ignored = true;
+                        if (j > i && !a[j].ignored && quovix_atom_equal(&img, &a[j]))
+                            a[j].ignored = true;
                     });
                 }
             }
@@ -637,7 +651,8 @@ int flag_site_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, bool fas
                     }
                 } else {
                     holder.front().for_each_near(img.x_f, [&](long j) {
-                        if (j > i && a[j].flag == 0 && quovix_atom_equal(&img, &a[j])) a[j].flag = site;
+                        if (j > i && a[j].flag == 0 && quovix_atom_equal(&img, &a[j]))
+                            a[j].flag = site;
                     });
                 }
             }
@@ -685,7 +700,8 @@ bool validate_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, double t
                     }
                 } else {
                     holder.front().for_each_near(p, tolerance, [&](long j) {
-                        if ((partner < 0 || j < partner) && validate_partner(a[i], a[j], p, tolerance)) {
+                        if ((partner < 0 || j < partner) &&
+                            validate_partner(a[i], a[j], p, tolerance)) {
                             partner = j;
                         }
                     });
@@ -720,10 +736,12 @@ QUOVIX_SYMMETRY *calculate_from_cell(QUOVIX_CELL *cell, double tolerance, const 
         std::printf("Message: total %d space group settings found in %s.\n", count, path);
         int found = 0;
         for (int k = 1; k <= count; ++k) {
-            quovix_symmetry_ptr sym(settings_entry(s, s.entry[static_cast<std::size_t>(k) - 1], path, k));
+            quovix_symmetry_ptr sym(
+                settings_entry(s, s.entry[static_cast<std::size_t>(k) - 1], path, k));
             if (!sym) {
                 std::fprintf(stderr,
-                             "Error: quovix_symmetry_import_by_internal_no() returns NULL at %d.\n", k);
+                             "Error: quovix_symmetry_import_by_internal_no() returns NULL at %d.\n",
+                             k);
                 return -1;
             }
             if (validate_by_symmetry(cell, sym.get(), tolerance, fast)) {
@@ -772,7 +790,8 @@ int quovix_card_set_by_text(QUOVIX_CARD *card, const char *text) {
         }
         double r[3][3] = {}, t[3] = {};
         bool ok = comp.size() == 3;
-        for (int i = 0; ok && i < 3; ++i) ok = parse_component(comp[static_cast<std::size_t>(i)], r[i], t[i]);
+        for (int i = 0; ok && i < 3; ++i)
+            ok = parse_component(comp[static_cast<std::size_t>(i)], r[i], t[i]);
         if (ok) {
             const double det = r[0][0] * (r[1][1] * r[2][2] - r[1][2] * r[2][1]) -
                                r[0][1] * (r[1][0] * r[2][2] - r[1][2] * r[2][0]) +
@@ -795,7 +814,7 @@ int quovix_card_set_by_text(QUOVIX_CARD *card, const char *text) {
 /// the Hall symbol. The lookups use the settings file `dir_symcards`. New symmetry (free
 /// with quovix_symmetry_free) or null.
 QUOVIX_SYMMETRY *quovix_symmetry_import_from_array_char_2D(char **rows, long row,
-                                                          const char *dir_symcards) {
+                                                           const char *dir_symcards) {
     if (rows == nullptr || row < 1) return nullptr;
     char ***loop = nullptr;
     long lrows = 0, lcols = 0;
@@ -849,11 +868,14 @@ QUOVIX_SYMMETRY *quovix_symmetry_import_from_array_char_2D(char **rows, long row
     };
     static const Source sources[3] = {
         {{"_symmetry_space_group_name_H-M", "_space_group_name_H-M_alt", nullptr},
-         "Message: determining symmetry from H-M symbol ...\n", Lookup::hm},
+         "Message: determining symmetry from H-M symbol ...\n",
+         Lookup::hm},
         {{"_symmetry_Int_Tables_number", "_space_group_IT_number", "_space_group_id"},
-         "Message: determining symmetry from IT id ...\n", Lookup::id},
+         "Message: determining symmetry from IT id ...\n",
+         Lookup::id},
         {{"_symmetry_space_group_name_Hall", "_space_group_name_Hall", nullptr},
-         "Message: determining symmetry from Hall symbol ...\n", Lookup::hall},
+         "Message: determining symmetry from Hall symbol ...\n",
+         Lookup::hall},
     };
     for (const Source &src : sources) {
         char *value = nullptr;
@@ -868,15 +890,18 @@ QUOVIX_SYMMETRY *quovix_symmetry_import_from_array_char_2D(char **rows, long row
         switch (src.how) {
             case Lookup::hm:
                 sym = quovix_symmetry_import_by_keyword_HM(value, dir_symcards);
-                if (!sym) std::fputs("quovix_symmetry_import_by_keyword_HM() returns NULL.\n", stderr);
+                if (!sym)
+                    std::fputs("quovix_symmetry_import_by_keyword_HM() returns NULL.\n", stderr);
                 break;
             case Lookup::id:
                 sym = quovix_symmetry_import_by_keyword_id(value, dir_symcards);
-                if (!sym) std::fputs("quovix_symmetry_import_by_keyword_id() returns NULL.\n", stderr);
+                if (!sym)
+                    std::fputs("quovix_symmetry_import_by_keyword_id() returns NULL.\n", stderr);
                 break;
             default:
                 sym = quovix_symmetry_import_by_keyword_Hall(value, dir_symcards);
-                if (!sym) std::fputs("quovix_symmetry_import_by_keyword_Hall() returns NULL.\n", stderr);
+                if (!sym)
+                    std::fputs("quovix_symmetry_import_by_keyword_Hall() returns NULL.\n", stderr);
                 break;
         }
         std::free(value);
@@ -944,7 +969,8 @@ int quovix_symmetry_fill_card_discrete(QUOVIX_SYMMETRY *symmetry, const long n[3
     for (int c = 0; c < symmetry->total; ++c) {
         QUOVIX_CARD *card = &symmetry->card[c];
         for (int i = 0; i < 3; ++i) {
-            for (int j = 0; j < 3; ++j) card->r_i[i][j] = static_cast<int>(std::lround(card->r_f[i][j]));
+            for (int j = 0; j < 3; ++j)
+                card->r_i[i][j] = static_cast<int>(std::lround(card->r_f[i][j]));
             card->t_i[i] = std::lround(card->t_f[i] * static_cast<double>(n[i]));
         }
     }
@@ -988,8 +1014,9 @@ int quovix_atom_spawn_by_symmetry(QUOVIX_ATOM **atom, long *total, QUOVIX_SYMMET
     const long n = *total;
     const long cards = symmetry->total;
     if (n > QUOVIX_MAX_ATOMS / cards) {
-        std::fprintf(stderr, "Error: %ld atoms times %ld operations exceed the limit of %ld atoms.\n",
-                     n, cards, QUOVIX_MAX_ATOMS);
+        std::fprintf(stderr,
+                     "Error: %ld atoms times %ld operations exceed the limit of %ld atoms.\n", n,
+                     cards, QUOVIX_MAX_ATOMS);
         return 1;
     }
     QUOVIX_ATOM *spawn = quovix_atom_new(n * cards);
@@ -1076,7 +1103,8 @@ int quovix_atom_name_compare(const char *a, const char *b) {
     const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
     const auto number = [&](const char *s, int from) {
         long long v = 0;
-        for (int k = from; k < QUOVIX_ATOM_NAME_LEN && is_digit(s[k]); ++k) v = v * 10 + (s[k] - '0');
+        for (int k = from; k < QUOVIX_ATOM_NAME_LEN && is_digit(s[k]); ++k)
+            v = v * 10 + (s[k] - '0');
         return v;
     };
     for (int i = 0; i < QUOVIX_ATOM_NAME_LEN; ++i) {

@@ -19,8 +19,7 @@ int quovix_cell_import_cif_from_text(QUOVIX_CELL **cell, QUOVIX_SYMMETRY **symme
                                      const char *dir_unitary);
 /// Reads "prefix.0.cif" .. "prefix.(n-1).cif"; array of n cells (free each, then the array
 /// with std::free), or null.
-QUOVIX_CELL **quovix_cells_import_cif_from_file(const char *prefix, int n,
-                                                const char *dir_symcards,
+QUOVIX_CELL **quovix_cells_import_cif_from_file(const char *prefix, int n, const char *dir_symcards,
                                                 const char *dir_unitary);
 int quovix_cell_import_cif_exist_keyword(const char *key, char **rows, long row);
 /// Value of a single-valued key, malloc'ed (free with std::free), or null.
@@ -48,11 +47,10 @@ int quovix_atom_update_default_os(QUOVIX_ATOM *atom, long total, const char *dir
 // ======================================================================
 int quovix_card_set_by_text(QUOVIX_CARD *card, const char *text);
 QUOVIX_SYMMETRY *quovix_symmetry_import_from_array_char_2D(char **rows, long row,
-                                                          const char *dir_symcards);
+                                                           const char *dir_symcards);
 QUOVIX_SYMMETRY *quovix_symmetry_import_by_keyword_HM(const char *text, const char *dir_symcards);
 QUOVIX_SYMMETRY *quovix_symmetry_import_by_keyword_id(const char *text, const char *dir_symcards);
-QUOVIX_SYMMETRY *quovix_symmetry_import_by_keyword_Hall(const char *text,
-                                                        const char *dir_symcards);
+QUOVIX_SYMMETRY *quovix_symmetry_import_by_keyword_Hall(const char *text, const char *dir_symcards);
 QUOVIX_SYMMETRY *quovix_symmetry_import_by_internal_no(int no, const char *dir_symcards);
 /// Number of entries in the settings file, -1 if it cannot be opened.
 int quovix_symmetry_count_settings(const char *dir_symcards);
@@ -111,8 +109,8 @@ QUOVIX_CELL *quovix_cell_supercell_default(QUOVIX_CELL *cell);
 int quovix_cell_deform(QUOVIX_CELL *cell, const double strain[3][3]);
 bool quovix_cell_partial_occ_at_conducting_site(QUOVIX_CELL *cell, const char *type, int os);
 QUOVIX_CELL *quovix_cell_assign_partial_occ(QUOVIX_CELL *cell, const char *type, int os);
-QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell,
-                                                               const char *type, int os);
+QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell, const char *type,
+                                                               int os);
 QUOVIX_CELL *quovix_cell_assign_partial_occ_all(QUOVIX_CELL *cell);
 QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
 int quovix_cell_export_cif_to_file(const char *filename, QUOVIX_CELL *cell,
@@ -138,10 +136,8 @@ int quovix_property_binary_read_from_file(QUOVIX_PROPERTY_BINARY *bin, const cha
                                           const char *type2, int os2, const char *dir_binary);
 double quovix_property_hardness_read_from_file(const char *type, int os, const char *dir_hardness);
 int quovix_property_type_from_atomic_number(int an, QUOVIX_ATOM *atom, const char *path);
-int quovix_property_estimate(QUOVIX_PROPERTY *ppt, const char *dir_unitary,
-                             const char *dir_binary);
-int quovix_property_binary_estimate_from_file(QUOVIX_PROPERTY_BINARY *bin,
-                                              const char *dir_binary);
+int quovix_property_estimate(QUOVIX_PROPERTY *ppt, const char *dir_unitary, const char *dir_binary);
+int quovix_property_binary_estimate_from_file(QUOVIX_PROPERTY_BINARY *bin, const char *dir_binary);
 int quovix_property_calculate_effective_b(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell);
 int quovix_property_unitary_derived(QUOVIX_PROPERTY *ppt);
 int quovix_property_binary_derived(QUOVIX_PROPERTY *ppt);

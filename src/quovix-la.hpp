@@ -4,7 +4,7 @@
 void quovix_vector3_double_print(const double a[3]);
 void quovix_vector3_double_copy(double a[3], const double b[3]);
 void quovix_vector3_double_sum2(double sum[3], double x, const double a[3], double y,
-                                 const double b[3]);
+                                const double b[3]);
 void quovix_vector3_double_sum3(double sum[3], double x, const double a[3], double y,
                                 const double b[3], double z, const double c[3]);
 double quovix_vector3_double_dot(const double a[3], const double b[3]);

@@ -19,6 +19,8 @@
 // with OpenMP; each atom's partial sum is accumulated by one thread in a fixed order and the
 // partial sums are added in atom order, so results do not depend on the number of threads.
 // The screening-factor fit keeps the contacts of its six strained cells between iterations.
+#include "quovix-rx.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -27,13 +29,12 @@
 
 #include "quovix-images.hpp"
 #include "quovix-import.hpp"
-#include "quovix-rx.hpp"
 
 namespace {
 
 constexpr double min_energy_range = 12.0;  // A, smallest search radius of energy sums
 constexpr double close_contact = QUOVIX_MIN_CONTACT;
-constexpr double strain_step = 0.0001;     // central-difference strain of the stress
+constexpr double strain_step = 0.0001;  // central-difference strain of the stress
 constexpr double default_sf = 0.75;
 constexpr double sf_lower = 0.55, sf_upper = 1.0;
 constexpr int max_fit_iterations = 100;
@@ -52,8 +53,8 @@ inline bool contact_counts(double d, const QUOVIX_ATOM &ai, const QUOVIX_ATOM &a
 
 bool valid_input(const QUOVIX_CELL *cell, const QUOVIX_PROPERTY *ppt) {
     return cell != nullptr && ppt != nullptr && (cell->total <= 0 || cell->atom != nullptr) &&
-           ppt->total > 0 && ppt->uni != nullptr && ppt->bin != nullptr &&
-           ppt->type != nullptr && ppt->os != nullptr;
+           ppt->total > 0 && ppt->uni != nullptr && ppt->bin != nullptr && ppt->type != nullptr &&
+           ppt->os != nullptr;
 }
 
 double energy_range(const QUOVIX_PROPERTY *ppt) {
@@ -64,8 +65,7 @@ double energy_range(const QUOVIX_PROPERTY *ppt) {
 }
 
 // Species index of every atom; prints the lookup failure.
-[[nodiscard]] bool species_of_atoms(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt,
-                                    std::vector<int> &sp) {
+[[nodiscard]] bool species_of_atoms(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, std::vector<int> &sp) {
     sp.resize(static_cast<std::size_t>(std::max(cell->total, 0L)));
     for (long k = 0; k < cell->total; ++k) {
         sp[k] = quovix_property_find_index(ppt, cell->atom[k].type, cell->atom[k].os);
@@ -82,8 +82,8 @@ enum class term_kind { none, coulomb, bonding };
 // Interaction of one ordered species pair.
 struct pair_term {
     term_kind kind = term_kind::none;
-    double range = 0.0;          // a contact counts when d <= range
-    double q = 0.0, rcs = 0.0;   // Coulomb: q_i q_j, rc_i + rc_j
+    double range = 0.0;                                // a contact counts when d <= range
+    double q = 0.0, rcs = 0.0;                         // Coulomb: q_i q_j, rc_i + rc_j
     double d0 = 0.0, rmin = 0.0, b = 0.0, en_s = 0.0;  // bonding (cation-anion record)
     double r0 = 0.0, s_cut = 0.0;  // embedding density: r0 and exp((r0 - cutoff) / b)
 };
@@ -101,7 +101,8 @@ std::vector<pair_term> pair_table(const QUOVIX_PROPERTY *ppt, double range) {
                 t.q = ppt->uni[i].q * ppt->uni[j].q;
                 t.rcs = ppt->uni[i].rc + ppt->uni[j].rc;
             } else if (prod < 0) {
-                const QUOVIX_PROPERTY_BINARY &bin = ppt->os[i] > 0 ? ppt->bin[i][j] : ppt->bin[j][i];
+                const QUOVIX_PROPERTY_BINARY &bin =
+                    ppt->os[i] > 0 ? ppt->bin[i][j] : ppt->bin[j][i];
                 t.kind = term_kind::bonding;
                 t.range = bin.cutoff;
                 t.d0 = bin.d0;
@@ -314,11 +315,11 @@ void for_each_contact(const QUOVIX_CELL *cell, const pair_setup &s, long i, F &&
     constexpr long chunk = 128;
     double d2[chunk];
     for (long b0 = lo[0]; b0 <= hi[0]; ++b0) {
-        const double g0 = std::max({0.0, c.origin[0] + b0 * c.edge - x[0],
-                                    x[0] - (c.origin[0] + (b0 + 1) * c.edge)});
+        const double g0 = std::max(
+            {0.0, c.origin[0] + b0 * c.edge - x[0], x[0] - (c.origin[0] + (b0 + 1) * c.edge)});
         for (long b1 = lo[1]; b1 <= hi[1]; ++b1) {
-            const double g1 = std::max({0.0, c.origin[1] + b1 * c.edge - x[1],
-                                        x[1] - (c.origin[1] + (b1 + 1) * c.edge)});
+            const double g1 = std::max(
+                {0.0, c.origin[1] + b1 * c.edge - x[1], x[1] - (c.origin[1] + (b1 + 1) * c.edge)});
             if (g0 * g0 + g1 * g1 > r2) continue;
             const long row = (b0 * c.nb[1] + b1) * c.nb[2];
             const long first = c.start[row + lo[2]], last = c.start[row + hi[2] + 1];
@@ -399,8 +400,7 @@ struct contact_model {
     std::vector<pair_term> table;
 };
 
-[[nodiscard]] bool build_contact_model(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt,
-                                       contact_model &m) {
+[[nodiscard]] bool build_contact_model(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, contact_model &m) {
     pair_setup s;
     if (!make_setup(cell, ppt, s)) return false;
     const long n = cell->total;
@@ -446,8 +446,9 @@ struct contact_model {
             all.insert(all.end(), lists[i][p].begin(), lists[i][p].end());
             lists[i][p] = {};
         }
-        std::stable_sort(all.begin(), all.end(), [](const coulomb_contact &x,
-                                                    const coulomb_contact &y) { return x.d < y.d; });
+        std::stable_sort(
+            all.begin(), all.end(),
+            [](const coulomb_contact &x, const coulomb_contact &y) { return x.d < y.d; });
         for (const coulomb_contact &c : all) m.weight[p] += c.w;
     }
     return true;
@@ -469,9 +470,11 @@ double contact_model_energy(const contact_model &m, double sf) {
         const double r_eff = sf * t.rcs;
         // Contacts beyond d / r_eff = 6 carry only the shift.
         const auto screened = std::partition_point(
-            all.begin(), all.end(), [r_eff](const coulomb_contact &c) { return !(c.d / r_eff > 6.0); });
+            all.begin(), all.end(),
+            [r_eff](const coulomb_contact &c) { return !(c.d / r_eff > 6.0); });
         const auto count = static_cast<std::size_t>(screened - all.begin());
-        for (std::size_t b = 0; b < count; b += block) spans.push_back({p, b, std::min(count, b + block)});
+        for (std::size_t b = 0; b < count; b += block)
+            spans.push_back({p, b, std::min(count, b + block)});
         double far = 0.0;
         for (auto it = screened; it != all.end(); ++it) far += it->w;
         sum -= far * shift[p];
@@ -646,8 +649,7 @@ double quovix_cell_calculate_total_energy_reference(QUOVIX_CELL *cell, QUOVIX_PR
             int si = quovix_property_find_index(ppt, ai.type, ai.os);
             int sj = quovix_property_find_index(ppt, aj.type, aj.os);
             if (si < 0 || sj < 0) {
-                std::fputs("Error: quovix_property_find_index() returns negative value.\n",
-                           stderr);
+                std::fputs("Error: quovix_property_find_index() returns negative value.\n", stderr);
                 return 0.0;
             }
             if (ai.os < 0) std::swap(si, sj);  // pair record is (cation, anion)
@@ -666,9 +668,9 @@ double quovix_cell_calculate_total_energy_reference(QUOVIX_CELL *cell, QUOVIX_PR
                         }
                         const long prod = static_cast<long>(ai.os) * aj.os;
                         if (prod >= 1 && d <= range) {
-                            sum += ai.occ * aj.occ *
-                                   quovix_energy_coulombic(d, ui.q * uj.q,
-                                                           ppt->sf * (ui.rc + uj.rc));
+                            sum +=
+                                ai.occ * aj.occ *
+                                quovix_energy_coulombic(d, ui.q * uj.q, ppt->sf * (ui.rc + uj.rc));
                         } else if (prod < 0 && d <= bin.cutoff) {
                             sum += ai.occ * aj.occ *
                                    quovix_energy_bonding_with_energy_shift(d, bin.d0, bin.rmin,
@@ -807,8 +809,8 @@ int quovix_property_calculate_screening_factor(QUOVIX_PROPERTY *ppt, QUOVIX_CELL
                 sf = default_sf;
                 break;
             }
-            std::printf("Message: calculating sf=%8.5f; p=%8.5f (conv: sf=%8.5f; p=%8.5f)\n", sf,
-                        p, h, dp);
+            std::printf("Message: calculating sf=%8.5f; p=%8.5f (conv: sf=%8.5f; p=%8.5f)\n", sf, p,
+                        h, dp);
         }
         ppt->sf = sf;
         std::printf("Message: final screening factor = %f\n", sf);
@@ -874,21 +876,22 @@ int quovix_cell_calculate_force(double **force, QUOVIX_CELL *cell, QUOVIX_PROPER
             const QUOVIX_ATOM &am = cell->atom[m];
             const double own_dg = am.ignored ? 0.0 : emb.dg[m];
             double grad[3] = {0.0, 0.0, 0.0};
-            for_each_contact(cell, s, m, [&](long j, const pair_term &t, double d,
-                                             const double *v) {
-                const QUOVIX_ATOM &aj = cell->atom[j];
-                // Pair term: from contact (m, j, T) when m counts, from (j, m, -T) when j counts.
-                const double owners = (am.ignored ? 0.0 : 1.0) + (aj.ignored ? 0.0 : 1.0);
-                double de_dd = owners * am.occ * aj.occ * term_force(t, d, sf);
-                if (t.kind == term_kind::bonding) {
-                    const double ds_dd = -std::exp((t.r0 - d) / t.b) / t.b;
-                    const double other_dg = aj.ignored ? 0.0 : emb.dg[j];
-                    de_dd += am.occ * aj.occ * ds_dd * (own_dg + other_dg);
-                }
-                if (d > 0.0) {  // an exact overlap has no direction
-                    for (int c = 0; c < 3; ++c) grad[c] += de_dd * v[c] / d;
-                }
-            });
+            for_each_contact(
+                cell, s, m, [&](long j, const pair_term &t, double d, const double *v) {
+                    const QUOVIX_ATOM &aj = cell->atom[j];
+                    // Pair term: from contact (m, j, T) when m counts, from (j, m, -T) when j
+                    // counts.
+                    const double owners = (am.ignored ? 0.0 : 1.0) + (aj.ignored ? 0.0 : 1.0);
+                    double de_dd = owners * am.occ * aj.occ * term_force(t, d, sf);
+                    if (t.kind == term_kind::bonding) {
+                        const double ds_dd = -std::exp((t.r0 - d) / t.b) / t.b;
+                        const double other_dg = aj.ignored ? 0.0 : emb.dg[j];
+                        de_dd += am.occ * aj.occ * ds_dd * (own_dg + other_dg);
+                    }
+                    if (d > 0.0) {  // an exact overlap has no direction
+                        for (int c = 0; c < 3; ++c) grad[c] += de_dd * v[c] / d;
+                    }
+                });
             for (int c = 0; c < 3; ++c) force[m][c] = -grad[c] * QUOVIX_COULOMB_HALF;
         }
         return 0;

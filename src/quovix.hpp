@@ -10,11 +10,13 @@
 // Constants. The digits are the ones the program has always used; do not
 // replace them by "more exact" values, printed numbers depend on them.
 // ---------------------------------------------------------------------------
-inline constexpr double QUOVIX_COULOMB = 14.39964;       // e^2/(4 pi eps0), eV*A
-inline constexpr double QUOVIX_COULOMB_HALF = 7.19982;   // half of it, for double sums over ordered pairs
-inline constexpr double QUOVIX_DEG_TO_RAD = 0.0174532925;  // degrees to radians (truncated on purpose)
-inline constexpr double QUOVIX_BOLTZMANN = 8.6173324e-05;  // eV/K
-inline constexpr double QUOVIX_E_OVER_KB = 11604.52;       // K/V
+inline constexpr double QUOVIX_COULOMB = 14.39964;  // e^2/(4 pi eps0), eV*A
+inline constexpr double QUOVIX_COULOMB_HALF =
+    7.19982;  // half of it, for double sums over ordered pairs
+inline constexpr double QUOVIX_DEG_TO_RAD =
+    0.0174532925;  // degrees to radians (truncated on purpose)
+inline constexpr double QUOVIX_BOLTZMANN = 8.6173324e-05;       // eV/K
+inline constexpr double QUOVIX_E_OVER_KB = 11604.52;            // K/V
 inline constexpr double QUOVIX_ELEMENTARY_CHARGE = 1.60217662;  // x 1e-19 C
 inline constexpr double QUOVIX_ANGSTROM_TO_BOHR = 1.889725989;
 inline constexpr double QUOVIX_SQRT_PI = 1.7724538498928541;
@@ -60,9 +62,9 @@ struct QUOVIX_CELL {
     char name[QUOVIX_CELL_NAME_LEN];
     long total;
     QUOVIX_ATOM *atom;
-    double a[3][3];        // rows are the lattice vectors (A)
-    double parameter[3];   // a, b, c (A)
-    double angle[3];       // alpha, beta, gamma (degrees)
+    double a[3][3];       // rows are the lattice vectors (A)
+    double parameter[3];  // a, b, c (A)
+    double angle[3];      // alpha, beta, gamma (degrees)
     int Z;
 };
 

@@ -3,7 +3,7 @@
 # only when something is missing. Runs as root (or through sudo when available).
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libfftw3-dev libgtest-dev libgmock-dev libbenchmark-dev
+packages=(cmake g++ make pkg-config clang-format libfftw3-dev libgtest-dev libgmock-dev libbenchmark-dev
           python3 python3-spglib python3-gemmi python3-pymatgen python3-ase python3-numpy)
 
 missing=()

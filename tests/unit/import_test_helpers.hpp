@@ -43,7 +43,8 @@ struct Rows {
         std::size_t start = 0;
         for (;;) {
             const std::size_t nl = all.find('\n', start);
-            text.push_back(all.substr(start, nl == std::string::npos ? std::string::npos : nl - start));
+            text.push_back(
+                all.substr(start, nl == std::string::npos ? std::string::npos : nl - start));
             if (nl == std::string::npos) break;
             start = nl + 1;
         }

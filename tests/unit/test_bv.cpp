@@ -27,8 +27,7 @@ test_import::Loaded read_cif(const std::string &name) {
 
 quovix_bv_ptr bv_of(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym) {
     testing::internal::CaptureStdout();
-    quovix_bv_ptr bv{
-        quovix_bv_calculate_from_cell(cell, sym, kUnitary.c_str(), kBinary.c_str())};
+    quovix_bv_ptr bv{quovix_bv_calculate_from_cell(cell, sym, kUnitary.c_str(), kBinary.c_str())};
     testing::internal::GetCapturedStdout();
     return bv;
 }
@@ -112,16 +111,16 @@ TEST(BvSum, MatchesHandSumsForAntifluorite) {
 // The shipped sum skips images out of reach and runs sites in parallel; it must reproduce
 // the plain loop to the last bit, with any number of threads.
 TEST(BvSum, BoundedParallelSumEqualsThePlainLoopExactly) {
-    for (const char *name : {"Li4B7O12Cl_boracite.cif", "Na3PS4_cubic_2x2x2_P1.cif",
-                             "LiFePO4_olivine_P1.cif", "Li2O_antifluorite_primitive_P1.cif",
-                             "Li6PS5Cl_argyrodite.cif"}) {
+    for (const char *name :
+         {"Li4B7O12Cl_boracite.cif", "Na3PS4_cubic_2x2x2_P1.cif", "LiFePO4_olivine_P1.cif",
+          "Li2O_antifluorite_primitive_P1.cif", "Li6PS5Cl_argyrodite.cif"}) {
         auto in = read_cif(name);
         ASSERT_TRUE(in.cell) << name;
         ASSERT_EQ(quovix_cell_flag_site_by_symmetry(in.cell.get(), in.sym.get()), 0);
         auto ppt = property_of(in.cell.get());
         ASSERT_TRUE(ppt) << name;
-        quovix_bv_ptr plain{quovix_bv_calculate_from_flagged_cell_reference(in.cell.get(),
-                                                                          ppt.get())};
+        quovix_bv_ptr plain{
+            quovix_bv_calculate_from_flagged_cell_reference(in.cell.get(), ppt.get())};
         ASSERT_TRUE(plain);
         for (int threads : {1, 2}) {
             omp_set_num_threads(threads);
@@ -160,8 +159,7 @@ TEST(BvSum, OverlapWarnsOnlyWhenTheOccupanciesCannotShareThePlace) {
         const long na = quovix_bv_find_index(bv.get(), "Na1");
         const QUOVIX_PROPERTY_BINARY p = pair_data("Na", 1, "Cl", -1);
         auto s = [&p](double d) { return std::exp((p.r0 - d) / p.b); };
-        const double images =
-            s(0.99 * 5.62) + s(1.01 * 5.62) + 4.0 * s(5.62 * std::sqrt(1.0001));
+        const double images = s(0.99 * 5.62) + s(1.01 * 5.62) + 4.0 * s(5.62 * std::sqrt(1.0001));
         EXPECT_NEAR(bv->value[na][quovix_bv_find_index(bv.get(), "Cl2")], occ * images, 1e-12);
 
         testing::internal::CaptureStdout();  // the 12 A variant never warns
@@ -174,8 +172,8 @@ TEST(BvSum, OverlapWarnsOnlyWhenTheOccupanciesCannotShareThePlace) {
 }
 
 TEST(BvSum, ZeroOxidationStateIsSkippedInSumsButWeighsInTheGii) {
-    auto plain = make_flagged_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0},
-                                          {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
+    auto plain =
+        make_flagged_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0}, {"Cl", -1, 0.5, 0.5, 0.5, 1.0}});
     auto with_ar = make_flagged_cell(5.62, {{"Na", 1, 0.0, 0.0, 0.0, 1.0},
                                             {"Cl", -1, 0.5, 0.5, 0.5, 1.0},
                                             {"Ar", 0, 0.25, 0.25, 0.25, 1.0}});
@@ -187,7 +185,8 @@ TEST(BvSum, ZeroOxidationStateIsSkippedInSumsButWeighsInTheGii) {
     quovix_bv_ptr b2{quovix_bv_calculate_from_flagged_cell(with_ar.get(), p2.get())};
     ASSERT_TRUE(b1);
     ASSERT_TRUE(b2);
-    const long na1 = quovix_bv_find_index(b1.get(), "Na1"), na2 = quovix_bv_find_index(b2.get(), "Na1");
+    const long na1 = quovix_bv_find_index(b1.get(), "Na1"),
+               na2 = quovix_bv_find_index(b2.get(), "Na1");
     EXPECT_EQ(b1->sum[na1], b2->sum[na2]);
     EXPECT_EQ(b2->sum[quovix_bv_find_index(b2.get(), "Ar3")], 0.0);
     const double dev = b1->sum[na1] - 1.0;  // Na and Cl deviate alike
@@ -255,7 +254,8 @@ TEST(BvPrint, TextExportAndNullRecord) {
 
     quovix_text_ptr text{quovix_bv_export_to_text(bv.get())};
     ASSERT_TRUE(text);
-    const std::string rule = "=================================================================\r\n";
+    const std::string rule =
+        "=================================================================\r\n";
     EXPECT_EQ(std::string(text->content),
               "Bond valence sum:\r\nTotal inequivalent sites: 2\r\n" + rule +
                   " Na1(Na1+)(occ=1.000) bv_sum =  0.983032\r\n"

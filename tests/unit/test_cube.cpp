@@ -163,8 +163,8 @@ TEST(CubeExport, MissingSpeciesWritesNothing) {
     auto cube = make_cube(2, 2, 2, len, [](long, long, long) { return 1.0; });
     const std::string none = temp_path("never.cube");
     Captured c = capture([&] {
-        EXPECT_EQ(
-            quovix_cube_export_to_file(cube.get(), cell.get(), ppt.get(), none.c_str(), true), 1);
+        EXPECT_EQ(quovix_cube_export_to_file(cube.get(), cell.get(), ppt.get(), none.c_str(), true),
+                  1);
     });
     EXPECT_EQ(c.err, "Error: quovix_property_find_index() returns negative value.\n");
     EXPECT_FALSE(std::ifstream(none).good());
@@ -175,9 +175,9 @@ TEST(CubeExport, RefusesMissingGridAndUnwritablePath) {
     auto cube = make_cube(1, 1, 1, len, [](long, long, long) { return 1.0; });
     Captured c = capture([&] {
         EXPECT_EQ(quovix_cube_export_to_file(nullptr, nullptr, nullptr, "x.cube", true), 1);
-        EXPECT_EQ(quovix_cube_export_to_file(cube.get(), nullptr, nullptr, "/nonexistent/x.cube",
-                                             true),
-                  1);
+        EXPECT_EQ(
+            quovix_cube_export_to_file(cube.get(), nullptr, nullptr, "/nonexistent/x.cube", true),
+            1);
     });
     EXPECT_EQ(c.err,
               "Error: QUOVIX_CUBE has not been properly initialized.\n"
@@ -460,8 +460,8 @@ TEST(CubeCalculate, ZeroRegionsReplayedLikePlain) {
     s.symmetry.reset(quovix_symmetry_new(8));
     for (int c = 0; c < 8; c++) ASSERT_EQ(quovix_card_set_by_text(&s.symmetry->card[c], ops[c]), 0);
     capture([&] {
-        s.ppt.reset(quovix_property_import_from_cell(s.cell.get(), "Li", 1, 0.75,
-                                                     kUnitary.c_str(), kBinary.c_str()));
+        s.ppt.reset(quovix_property_import_from_cell(s.cell.get(), "Li", 1, 0.75, kUnitary.c_str(),
+                                                     kBinary.c_str()));
     });
     ASSERT_TRUE(s.ppt);
     quovix_cube_ptr ref = landscape(s, 1.0, true, true);

@@ -52,7 +52,8 @@ double closest_pair(QUOVIX_CELL *cell) {
     double best = 1e30;
     for (long i = 0; i < cell->total; ++i) {
         for (long j = i + 1; j < cell->total; ++j) {
-            best = std::min(best, quovix_cell_min_distance_btw_atoms(cell, &cell->atom[i], &cell->atom[j]));
+            best = std::min(
+                best, quovix_cell_min_distance_btw_atoms(cell, &cell->atom[i], &cell->atom[j]));
         }
     }
     return best;
@@ -79,7 +80,8 @@ TEST(Lattice, MatrixUsesTheTruncatedDegreeFactor) {
     // 90 degrees times 0.0174532925 falls 1.8e-9 short of pi/2: cos is 1.8e-9, not 0.
     EXPECT_NEAR(a[2][0], 5.0 * 1.7949e-9, 1e-12);
     EXPECT_NEAR(a[2][2], 5.0, 1e-12);
-    EXPECT_NEAR(quovix_cell_calculate_volume(cell.get()), 3.0 * 3.0 * std::sqrt(3.0) / 2.0 * 5.0, 1e-6);
+    EXPECT_NEAR(quovix_cell_calculate_volume(cell.get()), 3.0 * 3.0 * std::sqrt(3.0) / 2.0 * 5.0,
+                1e-6);
     // Atom at (1/3, 2/3, 1/2): x = (0, sqrt(3), 2.5).
     EXPECT_NEAR(cell->atom[0].x[0], 0.0, 1e-7);
     EXPECT_NEAR(cell->atom[0].x[1], std::sqrt(3.0), 1e-7);
@@ -88,28 +90,35 @@ TEST(Lattice, MatrixUsesTheTruncatedDegreeFactor) {
 
 TEST(Lattice, ConstantsAndCoordinatesRoundTrip) {
     const double par[3] = {4.0, 5.0, 6.0}, ang[3] = {80.0, 95.0, 110.0};
-    auto cell = make_cell(par, ang, {{"A", "O", -2, 0.1, 0.2, 0.3, 1.0}, {"B", "O", -2, 0.9, 0.05, 0.7, 1.0}});
+    auto cell = make_cell(
+        par, ang, {{"A", "O", -2, 0.1, 0.2, 0.3, 1.0}, {"B", "O", -2, 0.9, 0.05, 0.7, 1.0}});
     quovix_cell_update_lattice_fractional(cell.get());
     for (int k = 0; k < 3; ++k) {
         EXPECT_NEAR(cell->parameter[k], par[k], 1e-10);
         EXPECT_NEAR(cell->angle[k], ang[k], 1e-8);
     }
     std::vector<double> frac;
-    for (long i = 0; i < cell->total; ++i) frac.insert(frac.end(), cell->atom[i].x_f, cell->atom[i].x_f + 3);
-    for (long i = 0; i < cell->total; ++i) cell->atom[i].x_f[0] = cell->atom[i].x_f[1] = cell->atom[i].x_f[2] = -1;
+    for (long i = 0; i < cell->total; ++i)
+        frac.insert(frac.end(), cell->atom[i].x_f, cell->atom[i].x_f + 3);
+    for (long i = 0; i < cell->total; ++i)
+        cell->atom[i].x_f[0] = cell->atom[i].x_f[1] = cell->atom[i].x_f[2] = -1;
     quovix_cell_update_fractional(cell.get());
     for (long i = 0; i < cell->total; ++i) {
-        for (int k = 0; k < 3; ++k) EXPECT_NEAR(cell->atom[i].x_f[k], frac[static_cast<std::size_t>(3 * i + k)], 1e-12);
+        for (int k = 0; k < 3; ++k)
+            EXPECT_NEAR(cell->atom[i].x_f[k], frac[static_cast<std::size_t>(3 * i + k)], 1e-12);
     }
 }
 
 TEST(Lattice, BoundingAndPeriodicDistance) {
-    auto cell = cubic_cell(10.0, {{"A", "Li", 1, 0.05, 0.5, 0.5, 1.0}, {"B", "Li", 1, 0.95, 0.5, 0.5, 1.0}});
-    EXPECT_NEAR(quovix_cell_min_distance_btw_atoms(cell.get(), &cell->atom[0], &cell->atom[1]), 1.0, 1e-12);
+    auto cell = cubic_cell(
+        10.0, {{"A", "Li", 1, 0.05, 0.5, 0.5, 1.0}, {"B", "Li", 1, 0.95, 0.5, 0.5, 1.0}});
+    EXPECT_NEAR(quovix_cell_min_distance_btw_atoms(cell.get(), &cell->atom[0], &cell->atom[1]), 1.0,
+                1e-12);
     // Only shifts of -1, 0, 1 cells: an atom two cells away stays 10 A off.
     cell->atom[1].x_f[0] = 2.05;
     quovix_cell_update_coordinate_cartesion(cell.get());
-    EXPECT_NEAR(quovix_cell_min_distance_btw_atoms(cell.get(), &cell->atom[0], &cell->atom[1]), 10.0, 1e-12);
+    EXPECT_NEAR(quovix_cell_min_distance_btw_atoms(cell.get(), &cell->atom[0], &cell->atom[1]),
+                10.0, 1e-12);
     cell->atom[0].x_f[0] = 1.0;
     cell->atom[0].x_f[1] = -0.25;
     cell->atom[0].x_f[2] = -1e-17;
@@ -121,8 +130,10 @@ TEST(Lattice, BoundingAndPeriodicDistance) {
 }
 
 TEST(CellName, RunsOfSpeciesWithinTheField) {
-    auto cell = cubic_cell(5.0, {{"O1", "O", -2, 0, 0, 0, 1.0}, {"Li1", "Li", 1, 0.5, 0, 0, 0.5},
-                                 {"Li2", "Li", 1, 0, 0.5, 0, 0.25}, {"Fe1", "Fe", 3, 0, 0, 0.5, 1.0}});
+    auto cell = cubic_cell(5.0, {{"O1", "O", -2, 0, 0, 0, 1.0},
+                                 {"Li1", "Li", 1, 0.5, 0, 0, 0.5},
+                                 {"Li2", "Li", 1, 0, 0.5, 0, 0.25},
+                                 {"Fe1", "Fe", 3, 0, 0, 0.5, 1.0}});
     quovix_cell_update_name(cell.get());
     EXPECT_STREQ(cell->name, "Fe3+:1.000 Li1+:0.750 O2-:1.000 ");
     EXPECT_STREQ(cell->atom[0].name, "O1");  // the cell itself is not reordered
@@ -138,7 +149,6 @@ TEST(CellName, RunsOfSpeciesWithinTheField) {
     quovix_cell_update_name(many.get());
     EXPECT_EQ(std::string(many->name).size(), 11u * 11u);  // "Aa1+:1.000 " x 11 fits, 12 would not
     EXPECT_EQ(quovix_cell_count_type_os(many.get()), 20);
-
 }
 
 // ------------------------------------------------------------------ supercells
@@ -164,7 +174,8 @@ TEST(Supercell, DefaultMultiplesByAtomCount) {
 }
 
 TEST(Supercell, ReplicatesAtomsLatticeAndZ) {
-    auto cell = cubic_cell(4.0, {{"Li1", "Li", 1, 0.25, 0.5, 0.0, 0.5}, {"O1", "O", -2, 0, 0, 0, 1.0}});
+    auto cell =
+        cubic_cell(4.0, {{"Li1", "Li", 1, 0.25, 0.5, 0.0, 0.5}, {"O1", "O", -2, 0, 0, 0, 1.0}});
     cell->Z = 2;
     const long m[3] = {2, 1, 3};
     quovix_cell_ptr s(quovix_cell_supercell(cell.get(), m));
@@ -208,8 +219,10 @@ TEST(Deform, LatticeRowsTimesIdentityPlusStrain) {
 // ------------------------------------------------------------------ partial occupancies
 
 TEST(AssignPartialOcc, KeepsFloorOfTheSummedOccupancy) {
-    auto cell = cubic_cell(6.0, {{"Li1", "Li", 1, 0.1, 0, 0, 0.5}, {"O1", "O", -2, 0, 0, 0, 1.0},
-                                 {"Li2", "Li", 1, 0.4, 0, 0, 0.5}, {"Li3", "Li", 1, 0.7, 0, 0, 0.5}});
+    auto cell = cubic_cell(6.0, {{"Li1", "Li", 1, 0.1, 0, 0, 0.5},
+                                 {"O1", "O", -2, 0, 0, 0, 1.0},
+                                 {"Li2", "Li", 1, 0.4, 0, 0, 0.5},
+                                 {"Li3", "Li", 1, 0.7, 0, 0, 0.5}});
     cell->atom[1].ignored = true;
     std::srand(7);
     quovix_cell_ptr out(quovix_cell_assign_partial_occ(cell.get(), "Li", 1));
@@ -245,8 +258,10 @@ TEST(AssignPartialOcc, KeepsFloorOfTheSummedOccupancy) {
     for (int h : hits) EXPECT_GT(h, 20);
     // A species whose partial sites add up to less than one leaves nothing at all.
     auto lone = cubic_cell(6.0, {{"Li1", "Li", 1, 0.1, 0, 0, 0.4}});
-    Captured c = capture([&] { EXPECT_EQ(quovix_cell_assign_partial_occ(lone.get(), "Li", 1), nullptr); });
-    EXPECT_EQ(c.err, "Error: number of atoms must be positive.\nError: quovix_atom_new() returns NULL.\n");
+    Captured c =
+        capture([&] { EXPECT_EQ(quovix_cell_assign_partial_occ(lone.get(), "Li", 1), nullptr); });
+    EXPECT_EQ(c.err,
+              "Error: number of atoms must be positive.\nError: quovix_atom_new() returns NULL.\n");
 }
 
 TEST(AssignPartialOcc, SharedSitesAreResolvedAndChargeStaysBalanced) {
@@ -254,8 +269,10 @@ TEST(AssignPartialOcc, SharedSitesAreResolvedAndChargeStaysBalanced) {
         const char *file, *type;
         int os;
     };
-    for (const Case &k : {Case{"Li6PS5Cl_argyrodite.cif", "Li", 1}, Case{"Li10GeP2S12_LGPS.cif", "Li", 1},
-                          Case{"PMN-PT_cubic_mixed_sites.cif", "Nb", 5}, Case{"Li6PS5Cl_argyrodite.cif", "Cl", -1}}) {
+    for (const Case &k :
+         {Case{"Li6PS5Cl_argyrodite.cif", "Li", 1}, Case{"Li10GeP2S12_LGPS.cif", "Li", 1},
+          Case{"PMN-PT_cubic_mixed_sites.cif", "Nb", 5},
+          Case{"Li6PS5Cl_argyrodite.cif", "Cl", -1}}) {
         SCOPED_TRACE(std::string(k.file) + " " + k.type);
         Loaded l = load(data_file(k.file));
         ASSERT_EQ(l.status, 0);
@@ -263,7 +280,9 @@ TEST(AssignPartialOcc, SharedSitesAreResolvedAndChargeStaysBalanced) {
         for (unsigned seed : {1u, 2u, 3u}) {
             std::srand(seed);
             QUOVIX_CELL *r = nullptr;
-            capture([&] { r = quovix_cell_assign_partial_occ_at_conducting_site(l.cell.get(), k.type, k.os); });
+            capture([&] {
+                r = quovix_cell_assign_partial_occ_at_conducting_site(l.cell.get(), k.type, k.os);
+            });
             quovix_cell_ptr out(r);
             ASSERT_TRUE(out);
             for (long i = 0; i < out->total; ++i) {
@@ -272,7 +291,8 @@ TEST(AssignPartialOcc, SharedSitesAreResolvedAndChargeStaysBalanced) {
                 EXPECT_EQ(a.occ, 1.0);
                 for (long j = 0; j < out->total; ++j) {
                     if (j == i) continue;
-                    EXPECT_GE(quovix_cell_min_distance_btw_atoms(out.get(), &a, &out->atom[j]), 0.3);
+                    EXPECT_GE(quovix_cell_min_distance_btw_atoms(out.get(), &a, &out->atom[j]),
+                              0.3);
                 }
             }
             if (std::fabs(q0) <= 0.5 * std::abs(k.os)) {
@@ -283,8 +303,9 @@ TEST(AssignPartialOcc, SharedSitesAreResolvedAndChargeStaysBalanced) {
 }
 
 TEST(AssignPartialOcc, AllSpeciesGiveAnOrderedCell) {
-    for (const char *file : {"Li6PS5Cl_argyrodite.cif", "Li10GeP2S12_LGPS.cif", "PMN-PT_cubic_mixed_sites.cif",
-                             "Na0.8CoO2_P63mmc.cif", "CuCrP2Se6_HM_only.cif"}) {
+    for (const char *file :
+         {"Li6PS5Cl_argyrodite.cif", "Li10GeP2S12_LGPS.cif", "PMN-PT_cubic_mixed_sites.cif",
+          "Na0.8CoO2_P63mmc.cif", "CuCrP2Se6_HM_only.cif"}) {
         SCOPED_TRACE(file);
         Loaded l = load(data_file(file));
         ASSERT_EQ(l.status, 0);
@@ -303,7 +324,8 @@ TEST(AssignPartialOcc, AllSpeciesGiveAnOrderedCell) {
 // The template and its line ends are pinned by the e2e cases gen-cif-NaCl and
 // gen-cif-p1-CaTiO3; here the P1 fallback without symmetry and an unknown oxidation state.
 TEST(CifWriter, P1FallbackAndUnknownState) {
-    auto cell = cubic_cell(4.0, {{"O1", "O", -2, 0, 0, 0, 1.0}, {"Li1", "Li", 99, 0.5, 0.25, 0.125, 0.5}});
+    auto cell =
+        cubic_cell(4.0, {{"O1", "O", -2, 0, 0, 0, 1.0}, {"Li1", "Li", 99, 0.5, 0.25, 0.125, 0.5}});
     quovix_cell_update_name(cell.get());
     QUOVIX_TEXT *t = nullptr;
     Captured c = capture([&] { t = quovix_cell_export_cif_to_text(cell.get(), nullptr); });
@@ -311,17 +333,18 @@ TEST(CifWriter, P1FallbackAndUnknownState) {
     ASSERT_TRUE(text);
     EXPECT_EQ(c.out, "Message: symmetry info missing. Using P1.\n");
     const std::string cif(text->content);
-    for (const char *part : {"_chemical_name_systematic         'Li99+:0.500 O2-:1.000 '\r\n",
-                             "_cell_formula_units_Z             0\r\n",
-                             "    1    'x, y, z'\r\n\r\nloop_\r\n",
-                             "  Li99+     99\r\n  O2-     -2\r\n",
-                             "  Li1  Li99+  0.500  0.250  0.125  0.500\r\n"
-                             "  O1  O2-  0.000  0.000  0.000  1.000\r\n\r\n#end of data\r\n"}) {
+    for (const char *part :
+         {"_chemical_name_systematic         'Li99+:0.500 O2-:1.000 '\r\n",
+          "_cell_formula_units_Z             0\r\n", "    1    'x, y, z'\r\n\r\nloop_\r\n",
+          "  Li99+     99\r\n  O2-     -2\r\n",
+          "  Li1  Li99+  0.500  0.250  0.125  0.500\r\n"
+          "  O1  O2-  0.000  0.000  0.000  1.000\r\n\r\n#end of data\r\n"}) {
         EXPECT_NE(cif.find(part), std::string::npos) << part;
     }
     c = capture([&] { EXPECT_EQ(quovix_cell_export_cif_to_text(nullptr, nullptr), nullptr); });
-    EXPECT_EQ(c.err, "Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n"
-                     "Error: quovix_cell_reduce_by_symmetry() returns NULL.\n");
+    EXPECT_EQ(c.err,
+              "Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n"
+              "Error: quovix_cell_reduce_by_symmetry() returns NULL.\n");
 }
 
 TEST(CifWriter, WrittenFileReadsBackToTheSameCell) {
@@ -329,7 +352,9 @@ TEST(CifWriter, WrittenFileReadsBackToTheSameCell) {
     ASSERT_EQ(l.status, 0);
     std::strcpy(l.cell->atom[0].name, "ABCDEFGHIJK");  // 11 characters survive
     const std::string path = testing::TempDir() + "roundtrip.cif";
-    Captured c = capture([&] { EXPECT_EQ(quovix_cell_export_cif_to_file(path.c_str(), l.cell.get(), l.sym.get()), 0); });
+    Captured c = capture([&] {
+        EXPECT_EQ(quovix_cell_export_cif_to_file(path.c_str(), l.cell.get(), l.sym.get()), 0);
+    });
     EXPECT_EQ(c.out, "Message: cif file saved to " + path + "\n");
     const std::string written = read_file(path);
     EXPECT_EQ(written.substr(0, 28), "data_generated-by-Quovix\r\n\n_");
@@ -352,10 +377,14 @@ TEST(CifWriter, WrittenFileReadsBackToTheSameCell) {
         EXPECT_TRUE(found) << i;
     }
     bool label = false;
-    for (long j = 0; j < back.cell->total; ++j) label = label || std::strcmp(back.cell->atom[j].name, "ABCDEFGHIJK") == 0;
+    for (long j = 0; j < back.cell->total; ++j)
+        label = label || std::strcmp(back.cell->atom[j].name, "ABCDEFGHIJK") == 0;
     EXPECT_TRUE(label);
 
     const std::string dir = testing::TempDir() + "no_such_dir/x.cif";
-    c = capture([&] { EXPECT_EQ(quovix_cell_export_cif_to_file(dir.c_str(), l.cell.get(), l.sym.get()), 1); });
-    EXPECT_EQ(c.err, "Error: unable to open " + dir + ".\nError: quovix_text_export_to_file() returns non-zero.\n");
+    c = capture([&] {
+        EXPECT_EQ(quovix_cell_export_cif_to_file(dir.c_str(), l.cell.get(), l.sym.get()), 1);
+    });
+    EXPECT_EQ(c.err, "Error: unable to open " + dir +
+                         ".\nError: quovix_text_export_to_file() returns non-zero.\n");
 }

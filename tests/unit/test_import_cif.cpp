@@ -33,7 +33,8 @@ struct Loop {
 void grep_loop(Loop &l, const std::string &text, const char *key) {
     Rows rows(text);
     l.log = capture([&] {
-        l.status = quovix_cell_import_cif_grep_loop(&l.cells, &l.rows, &l.cols, key, rows.rows(), rows.count());
+        l.status = quovix_cell_import_cif_grep_loop(&l.cells, &l.rows, &l.cols, key, rows.rows(),
+                                                    rows.count());
     });
 }
 
@@ -41,7 +42,8 @@ void grep_loop(Loop &l, const std::string &text, const char *key) {
 struct CifParts {
     std::string lattice =
         "_cell_length_a 4.0\n_cell_length_b 4.0\n_cell_length_c 4.0\n"
-        "_cell_angle_alpha 90\n_cell_angle_beta 90\n_cell_angle_gamma 90\n_cell_formula_units_Z 1\n";
+        "_cell_angle_alpha 90\n_cell_angle_beta 90\n_cell_angle_gamma 90\n_cell_formula_units_Z "
+        "1\n";
     std::string symmetry = "loop_\n_symmetry_equiv_pos_as_xyz\n'x, y, z'\n'-x, -y, -z'\n\n";
     std::string sites =
         "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_y\n"
@@ -59,14 +61,15 @@ TEST(GrepKeyword, QuotesTokensAndSemicolonFields) {
     EXPECT_EQ(grep("_cell_length_a   5.64(2) \r\n", "_cell_length_a"), "[5.64(2)]");
     EXPECT_EQ(grep("_name 'Sodium chloride'\n", "_name"), "[Sodium chloride]");
     EXPECT_EQ(grep("_name ''\n", "_name"), "[]");
-    EXPECT_EQ(grep("_name 'it's odd'\n", "_name"), "[it's odd]");       // first to last quote
-    EXPECT_EQ(grep("_name \"a b\"\n", "_name"), "[\"a]");                  // no double quotes
-    EXPECT_EQ(grep("_name it's\n", "_name"), "[it's]");                  // one quote: token rule
+    EXPECT_EQ(grep("_name 'it's odd'\n", "_name"), "[it's odd]");  // first to last quote
+    EXPECT_EQ(grep("_name \"a b\"\n", "_name"), "[\"a]");          // no double quotes
+    EXPECT_EQ(grep("_name it's\n", "_name"), "[it's]");            // one quote: token rule
     EXPECT_EQ(grep("_name   \r\n", "_name"), "NULL");
     EXPECT_EQ(grep("_other 1\n", "_name"), "NULL");
     // Substring match: the first row containing the key, wherever the key sits.
     EXPECT_EQ(grep("x_cell_length_ab 7\n_cell_length_a 5\n", "_cell_length_a"), "[b]");
-    EXPECT_EQ(grep("_title\n;\r\nfirst row\r\nsecond\r\n;\r\n_x 1\n", "_title"), "[first rowsecond]");
+    EXPECT_EQ(grep("_title\n;\r\nfirst row\r\nsecond\r\n;\r\n_x 1\n", "_title"),
+              "[first rowsecond]");
     EXPECT_EQ(grep("_title\n;opening text is dropped\nbody\n;\n", "_title"), "[body]");
     EXPECT_EQ(grep("_title\n;\nno closing row\n_x 1\n", "_title"), "NULL");
     // A key in one of the last two rows never reads a text field.
@@ -137,7 +140,10 @@ TEST(GrepLoop, MissingBlocksAndOpenQuotes) {
 
 TEST(ReadAtom, TypesAndOxidationStatesFromSymbols) {
     Loop l;
-    grep_loop(l, "loop_\n_atom_site_label\n_atom_site_type_symbol\nA Fe3+\nB O2-\nC O-2\nD Li+\nE Fe2.5+\n", "_atom_site_label");
+    grep_loop(
+        l,
+        "loop_\n_atom_site_label\n_atom_site_type_symbol\nA Fe3+\nB O2-\nC O-2\nD Li+\nE Fe2.5+\n",
+        "_atom_site_label");
     ASSERT_EQ(l.status, 0);
     QUOVIX_ATOM atom[5] = {};
     ASSERT_EQ(quovix_cell_import_cif_read_atom_name(atom, l.cells, l.rows, l.cols), 0);
@@ -151,7 +157,9 @@ TEST(ReadAtom, TypesAndOxidationStatesFromSymbols) {
     Loop bad;
     grep_loop(bad, "loop_\n_atom_site_label\n_atom_site_type_symbol\nA 2+\n", "_atom_site_label");
     QUOVIX_ATOM one[1] = {};
-    Captured c = capture([&] { EXPECT_EQ(quovix_cell_import_cif_read_atom_type(one, bad.cells, bad.rows, bad.cols), 1); });
+    Captured c = capture([&] {
+        EXPECT_EQ(quovix_cell_import_cif_read_atom_type(one, bad.cells, bad.rows, bad.cols), 1);
+    });
     EXPECT_EQ(c.err, "Error: invalid field content 2+.\n");
 }
 
@@ -175,27 +183,35 @@ TEST(ReadAtom, ElementSymbolsFromLabels) {
 
 TEST(ReadAtom, OxidationStatesFromTheTypeLoopNeedExactSymbols) {
     Loop site, type;
-    grep_loop(site, "loop_\n_atom_site_label\n_atom_site_type_symbol\nA Cu2+\nB O2-\n", "_atom_site_label");
-    grep_loop(type, "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\nCu2+ 2.332\nO2- ?\n", "_atom_type_symbol");
+    grep_loop(site, "loop_\n_atom_site_label\n_atom_site_type_symbol\nA Cu2+\nB O2-\n",
+              "_atom_site_label");
+    grep_loop(type, "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\nCu2+ 2.332\nO2- ?\n",
+              "_atom_type_symbol");
     QUOVIX_ATOM atom[2] = {};
     quovix_cell_import_cif_read_atom_name(atom, site.cells, site.rows, site.cols);
-    ASSERT_EQ(quovix_cell_import_cif_read_atom_typeos(atom, site.cells, site.rows, site.cols, type.cells,
-                                                      type.rows, type.cols), 0);
+    ASSERT_EQ(quovix_cell_import_cif_read_atom_typeos(atom, site.cells, site.rows, site.cols,
+                                                      type.cells, type.rows, type.cols),
+              0);
     EXPECT_EQ(atom[0].value, 2.332);
     EXPECT_EQ(atom[1].value, 99.0);  // "?" is not a number: unknown
     Loop other;
-    grep_loop(other, "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\ncu2+ 2\nO2- -2\n", "_atom_type_symbol");
+    grep_loop(other, "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\ncu2+ 2\nO2- -2\n",
+              "_atom_type_symbol");
     Captured c = capture([&] {
-        EXPECT_EQ(quovix_cell_import_cif_read_atom_typeos(atom, site.cells, site.rows, site.cols, other.cells,
-                                                          other.rows, other.cols), 1);
+        EXPECT_EQ(quovix_cell_import_cif_read_atom_typeos(atom, site.cells, site.rows, site.cols,
+                                                          other.cells, other.rows, other.cols),
+                  1);
     });
     EXPECT_EQ(c.err, "Error: invalid field.\n");
 }
 
 TEST(ReadAtom, CoordinatesAreWrappedAndOccupancyIsCompulsory) {
     Loop l;
-    grep_loop(l, "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
-                 "_atom_site_occupancy\nA 0.25(3) -0.25 1.0 .5(1)\nB -0.0 2.75 -1e-17 1\n", "_atom_site_label");
+    grep_loop(
+        l,
+        "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
+        "_atom_site_occupancy\nA 0.25(3) -0.25 1.0 .5(1)\nB -0.0 2.75 -1e-17 1\n",
+        "_atom_site_label");
     QUOVIX_ATOM atom[2] = {};
     ASSERT_EQ(quovix_cell_import_cif_read_atom(atom, l.cells, l.rows, l.cols), 0);
     EXPECT_EQ(atom[0].x_f[0], 0.25);
@@ -207,16 +223,26 @@ TEST(ReadAtom, CoordinatesAreWrappedAndOccupancyIsCompulsory) {
     EXPECT_EQ(atom[1].x_f[2], 0.0);
 
     Loop noocc;
-    grep_loop(noocc, "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\nA 0 0 0\n", "_atom_site_label");
-    Captured c = capture([&] { EXPECT_EQ(quovix_cell_import_cif_read_atom(atom, noocc.cells, noocc.rows, noocc.cols), 1); });
+    grep_loop(noocc,
+              "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_"
+              "z\nA 0 0 0\n",
+              "_atom_site_label");
+    Captured c = capture([&] {
+        EXPECT_EQ(quovix_cell_import_cif_read_atom(atom, noocc.cells, noocc.rows, noocc.cols), 1);
+    });
     EXPECT_EQ(c.err, "Error: invalid keywords.\n");
     const char *bad[] = {"A ? 0 0 1\n", "A 0 nan 0 1\n", "A 0 0 x 1\n", "A 0 0 0 inf\n"};
     const char *msg[] = {"x", "y", "z", nullptr};
     for (int k = 0; k < 4; ++k) {
         Loop b;
-        grep_loop(b, std::string("loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
-                                 "_atom_site_occupancy\n") + bad[k], "_atom_site_label");
-        c = capture([&] { EXPECT_EQ(quovix_cell_import_cif_read_atom(atom, b.cells, b.rows, b.cols), 1); });
+        grep_loop(b,
+                  std::string("loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_"
+                              "atom_site_fract_z\n"
+                              "_atom_site_occupancy\n") +
+                      bad[k],
+                  "_atom_site_label");
+        c = capture(
+            [&] { EXPECT_EQ(quovix_cell_import_cif_read_atom(atom, b.cells, b.rows, b.cols), 1); });
         EXPECT_EQ(c.err, msg[k] ? std::string("Error: unable to read fractional ") + msg[k] + ".\n"
                                 : std::string("Error: unable to read occupancy.\n"));
     }
@@ -224,7 +250,8 @@ TEST(ReadAtom, CoordinatesAreWrappedAndOccupancyIsCompulsory) {
 
 TEST(ReadAtom, ConstraintFlags) {
     Loop l;
-    grep_loop(l, "loop_\n_atom_site_label\n_atom_site_quovix_fixed\nA true\nB F\nC T\n", "_atom_site_label");
+    grep_loop(l, "loop_\n_atom_site_label\n_atom_site_quovix_fixed\nA true\nB F\nC T\n",
+              "_atom_site_label");
     QUOVIX_ATOM atom[3] = {};
     atom[1].ignored = true;
     ASSERT_EQ(quovix_cell_import_cif_read_atom_constraint(atom, l.cells, l.rows, l.cols), 0);
@@ -233,7 +260,10 @@ TEST(ReadAtom, ConstraintFlags) {
     EXPECT_TRUE(atom[2].ignored);
     Loop none;
     grep_loop(none, "loop_\n_atom_site_label\nA\n", "_atom_site_label");
-    Captured c = capture([&] { EXPECT_EQ(quovix_cell_import_cif_read_atom_constraint(atom, none.cells, none.rows, none.cols), 1); });
+    Captured c = capture([&] {
+        EXPECT_EQ(
+            quovix_cell_import_cif_read_atom_constraint(atom, none.cells, none.rows, none.cols), 1);
+    });
     EXPECT_EQ(c.err, "Error: unable to find keyword '_atom_site_quovix_fixed'.\n");
 }
 
@@ -263,9 +293,10 @@ TEST(ForkOs, MixedValenceSplitsAndRounding) {
 }
 
 TEST(DefaultOs, FirstRowOfTheElementTable) {
-    const std::string table = write_temp("unitary.dat",
-                                         "free text Li 9 9 9\nDATA_START\n3 Li 1 1 6.9\n8 O -2 -2 16\n"
-                                         "bad row\n3 Li 2 7 6.9\n26 Fe 2 3\nDATA_END\n29 Cu 1 1\n");
+    const std::string table =
+        write_temp("unitary.dat",
+                   "free text Li 9 9 9\nDATA_START\n3 Li 1 1 6.9\n8 O -2 -2 16\n"
+                   "bad row\n3 Li 2 7 6.9\n26 Fe 2 3\nDATA_END\n29 Cu 1 1\n");
     QUOVIX_ATOM atom[4] = {};
     const char *type[] = {"Li", "Fe", "Cu", "O"};
     for (int i = 0; i < 4; ++i) {
@@ -279,7 +310,8 @@ TEST(DefaultOs, FirstRowOfTheElementTable) {
     EXPECT_EQ(atom[2].os, 99);  // after DATA_END: not in the table
     EXPECT_EQ(atom[3].os, -1);
     const std::string none = testing::TempDir() + "no_unitary.dat";
-    Captured c = capture([&] { EXPECT_EQ(quovix_atom_update_default_os(atom, 4, none.c_str()), 1); });
+    Captured c =
+        capture([&] { EXPECT_EQ(quovix_atom_update_default_os(atom, 4, none.c_str()), 1); });
     EXPECT_EQ(c.err, "Error: unable to open " + none + "\n");
 }
 
@@ -304,20 +336,25 @@ TEST(ReadCif, SmallStructureWithItsMessages) {
 TEST(ReadCif, TypesFromLabelsAndStatesFromTheElementTable) {
     CifParts p;
     p.lattice.erase(p.lattice.find("_cell_formula_units_Z"));
-    p.sites = "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
-              "_atom_site_occupancy\nLi1 0.25 0.25 0.25 1\nO1 0 0 0 1\nXx2 0.5 0.5 0.5 1\n";
+    p.sites =
+        "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
+        "_atom_site_occupancy\nLi1 0.25 0.25 0.25 1\nO1 0 0 0 1\nXx2 0.5 0.5 0.5 1\n";
     Loaded l = load_text(p.text());
     ASSERT_EQ(l.status, 0) << l.log.err;
-    EXPECT_NE(l.log.out.find("Message: unable to find keyword '_atom_site_type_symbol'.\n"), std::string::npos);
-    EXPECT_NE(l.log.out.find("Warning: _cell_formula_units_Z is not available. \n"), std::string::npos);
+    EXPECT_NE(l.log.out.find("Message: unable to find keyword '_atom_site_type_symbol'.\n"),
+              std::string::npos);
+    EXPECT_NE(l.log.out.find("Warning: _cell_formula_units_Z is not available. \n"),
+              std::string::npos);
     EXPECT_STREQ(l.cell->name, "Li1+:2.000 O2-:1.000 Xx99+:1.000 ");  // Xx is no element
 }
 
 TEST(ReadCif, MixedValenceAndLongLabels) {
     CifParts p;
-    p.sites = "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\nFe2.5+ 2.5\nO2- -2\n\n"
-              "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_y\n"
-              "_atom_site_fract_z\n_atom_site_occupancy\n'Fe long label' Fe2.5+ 0.5 0.5 0.5 1\nO1 O2- 0 0 0 1\n";
+    p.sites =
+        "loop_\n_atom_type_symbol\n_atom_type_oxidation_number\nFe2.5+ 2.5\nO2- -2\n\n"
+        "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_y\n"
+        "_atom_site_fract_z\n_atom_site_occupancy\n'Fe long label' Fe2.5+ 0.5 0.5 0.5 1\nO1 O2- 0 "
+        "0 0 1\n";
     Loaded l = load_text(p.text());
     ASSERT_EQ(l.status, 0) << l.log.err;
     EXPECT_STREQ(l.cell->name, "Fe2+:0.500 Fe3+:0.500 O2-:1.000 ");
@@ -340,25 +377,30 @@ TEST(ReadCif, MalformedInputGivesTheErrorChain) {
     {
         CifParts q = p;
         q.sites = "";
-        add("no atom loop", q.text(), "Error: unable to find compulsory keyword '_atom_site_label' in cif file.\n");
+        add("no atom loop", q.text(),
+            "Error: unable to find compulsory keyword '_atom_site_label' in cif file.\n");
     }
     {
         CifParts q = p;
         q.symmetry = "";
-        add("no symmetry", q.text(), "Error: quovix_symmetry_import_from_array_char_2D() returns NULL.\n");
+        add("no symmetry", q.text(),
+            "Error: quovix_symmetry_import_from_array_char_2D() returns NULL.\n");
     }
     {
         CifParts q = p;
         q.sites.replace(q.sites.find("_atom_site_occupancy\n"), 21, "");
         add("no occupancy column", q.text(),
-            "Error: invalid keywords.\nError: quovix_cell_import_cif_read_atom() returns non-zero.\n");
+            "Error: invalid keywords.\nError: quovix_cell_import_cif_read_atom() returns "
+            "non-zero.\n");
     }
     for (const char *v : {"0", "-4.0"}) {
         CifParts q = p;
         q.lattice.replace(q.lattice.find("4.0"), 3, v);
         add("bad length", q.text(),
-            std::string("Error: invalid lattice: _cell_length_a = ") + (v[0] == '0' ? "0.000000" : "-4.000000") +
-                " must be positive.\nError: quovix_cell_import_cif_read_lattice() returns non-zero.\n");
+            std::string("Error: invalid lattice: _cell_length_a = ") +
+                (v[0] == '0' ? "0.000000" : "-4.000000") +
+                " must be positive.\nError: quovix_cell_import_cif_read_lattice() returns "
+                "non-zero.\n");
     }
     {
         CifParts q = p;
@@ -393,33 +435,41 @@ TEST(ReadCif, MalformedInputGivesTheErrorChain) {
         CifParts q = p;
         q.sites.replace(q.sites.find("O1 O2-"), 6, "O1 ?");
         add("symbol without letters", q.text(),
-            "Error: invalid field content ?.\nError: quovix_cell_import_cif_read_atom_type() returns non-zero.\n");
+            "Error: invalid field content ?.\nError: quovix_cell_import_cif_read_atom_type() "
+            "returns non-zero.\n");
     }
     {
         CifParts q = p;
-        q.sites = "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
-                  "_atom_site_occupancy\nLi1 0.25 0.25 0.25 1\n99 0 0 0 1\n";
+        q.sites =
+            "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n_atom_site_fract_z\n"
+            "_atom_site_occupancy\nLi1 0.25 0.25 0.25 1\n99 0 0 0 1\n";
         add("label without letters", q.text(),
-            "Error: unable to read atom.type from atom.name.\nError: quovix_atom_name_to_typeos() returns non-zero.\n");
+            "Error: unable to read atom.type from atom.name.\nError: quovix_atom_name_to_typeos() "
+            "returns non-zero.\n");
     }
     {
         CifParts q = p;
         q.symmetry = "_symmetry_space_group_name_H-M 'F m -3 m'\n";
-        std::string many = "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_y\n"
-                           "_atom_site_fract_z\n_atom_site_occupancy\n";
+        std::string many =
+            "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_"
+            "y\n"
+            "_atom_site_fract_z\n_atom_site_occupancy\n";
         for (int i = 0; i < 6000; ++i) many += "Li1 Li+ 0.1 0.2 0.3 1\n";
         q.sites = many;
         add("huge expansion", q.text(),
             "Error: 6000 atoms times 192 operations exceed the limit of 1000000 atoms.\n"
             "Error: quovix_atom_spawn_by_symmetry() returns non-zero.\n");
     }
-    static const char junk[] = "\x7f" "ELF\x01\x02\x03\xff\xfe loop_ \x80\x81\n\x90_atom";
+    static const char junk[] =
+        "\x7f"
+        "ELF\x01\x02\x03\xff\xfe loop_ \x80\x81\n\x90_atom";
     add("binary junk", std::string(junk, sizeof junk - 1),
         "Error: quovix_symmetry_import_from_array_char_2D() returns NULL.\n");
     {
         const std::string t = p.text();
         add("truncated", t.substr(0, t.find("O1 O2-") + 4),
-            "Error: unable to read occupancy.\nError: quovix_cell_import_cif_read_atom() returns non-zero.\n");
+            "Error: unable to read occupancy.\nError: quovix_cell_import_cif_read_atom() returns "
+            "non-zero.\n");
     }
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -439,8 +489,10 @@ TEST(ReadCif, SettingsFileMissing) {
     QUOVIX_SYMMETRY *s = nullptr;
     const std::string nosettings = testing::TempDir() + "none_symcards.dat";
     Captured log = capture([&] {
-        EXPECT_EQ(quovix_cell_import_cif_from_file(&c, &s, data_file("CuCrP2Se6_HM_only.cif").c_str(),
-                                                   nosettings.c_str(), unitary().c_str()), 1);
+        EXPECT_EQ(
+            quovix_cell_import_cif_from_file(&c, &s, data_file("CuCrP2Se6_HM_only.cif").c_str(),
+                                             nosettings.c_str(), unitary().c_str()),
+            1);
     });
     EXPECT_EQ(log.err, "Error: unable to open " + nosettings +
                            "\nquovix_symmetry_import_by_keyword_HM() returns NULL.\n"
@@ -457,13 +509,23 @@ TEST(ReadCif, SeriesOfFilesByPrefix) {
         std::ofstream(prefix + "." + std::to_string(i) + ".cif", std::ios::binary) << p.text();
     }
     QUOVIX_CELL **cells = nullptr;
-    capture([&] { cells = quovix_cells_import_cif_from_file(prefix.c_str(), 2, symcards().c_str(), unitary().c_str()); });
+    capture([&] {
+        cells = quovix_cells_import_cif_from_file(prefix.c_str(), 2, symcards().c_str(),
+                                                  unitary().c_str());
+    });
     ASSERT_NE(cells, nullptr);
     EXPECT_EQ(cells[1]->total, 3);
     for (int i = 0; i < 2; ++i) quovix_cell_free(cells[i]);
     std::free(cells);
-    Captured c = capture([&] { EXPECT_EQ(quovix_cells_import_cif_from_file(prefix.c_str(), 3, symcards().c_str(), unitary().c_str()), nullptr); });
-    EXPECT_NE(c.err.find("Error: quovix_cell_import_cif_from_file() returns non-zero.\n"), std::string::npos);
-    c = capture([&] { EXPECT_EQ(quovix_cells_import_cif_from_file(prefix.c_str(), 0, nullptr, nullptr), nullptr); });
+    Captured c = capture([&] {
+        EXPECT_EQ(quovix_cells_import_cif_from_file(prefix.c_str(), 3, symcards().c_str(),
+                                                    unitary().c_str()),
+                  nullptr);
+    });
+    EXPECT_NE(c.err.find("Error: quovix_cell_import_cif_from_file() returns non-zero.\n"),
+              std::string::npos);
+    c = capture([&] {
+        EXPECT_EQ(quovix_cells_import_cif_from_file(prefix.c_str(), 0, nullptr, nullptr), nullptr);
+    });
     EXPECT_EQ(c.err, "Error: number of cells must be larger than zero.\n");
 }

@@ -29,9 +29,8 @@ quovix_property_ptr read_set(QUOVIX_CELL *cell, const std::string &unitary,
                              const std::string &binary) {
     quovix_property_ptr ppt{quovix_property_new(0)};
     EXPECT_EQ(quovix_property_update_index_by_cell(ppt.get(), cell), 0);
-    EXPECT_EQ(quovix_property_update_read_from_file(ppt.get(), cell, unitary.c_str(),
-                                                    binary.c_str()),
-              0);
+    EXPECT_EQ(
+        quovix_property_update_read_from_file(ppt.get(), cell, unitary.c_str(), binary.c_str()), 0);
     return ppt;
 }
 
@@ -242,16 +241,16 @@ TEST(PropertyDerived, MorseParametersMatchTheParameterDataReference) {
     EXPECT_NEAR(nao.rmin, 2.341, 5e-4);
     EXPECT_NEAR(nao.d0 * 7.19982, 0.283, 5e-4);
     // Shifts vanish the energy at the cut-off; f0 = cn d0.
-    EXPECT_NEAR(quovix_energy_bonding_with_energy_shift(lio.cutoff, lio.d0, lio.rmin, lio.b,
-                                                        lio.en_s),
-                0.0, 1e-15);
+    EXPECT_NEAR(
+        quovix_energy_bonding_with_energy_shift(lio.cutoff, lio.d0, lio.rmin, lio.b, lio.en_s), 0.0,
+        1e-15);
     EXPECT_DOUBLE_EQ(lio.f0, lio.cn * lio.d0);
     EXPECT_EQ(ppt->bin[0][1].d0, 0.0);  // cation-cation: no Morse data
     // Inner pseudopotentials meet their curves in value and slope where the energy is 1.
     for (const auto *bin : {&lio, &nao}) {
         const double r = bin->r_bc;
-        const double e = quovix_energy_bonding_with_energy_shift(r, bin->d0, bin->rmin, bin->b,
-                                                                 bin->en_s);
+        const double e =
+            quovix_energy_bonding_with_energy_shift(r, bin->d0, bin->rmin, bin->b, bin->en_s);
         EXPECT_NEAR(e, 1.0, 1e-5);
         EXPECT_NEAR(quovix_pseudopotential_energy_bonding(r, bin->a2, bin->a1, bin->a0), e, 1e-12);
         EXPECT_NEAR(2.0 * bin->a2 * r, quovix_force_bonding(r, bin->d0, bin->rmin, bin->b), 1e-12);
@@ -302,7 +301,8 @@ TEST(PropertyCharge, CapsAChargeAboveItsOxidationState) {
     auto ppt = read_set(cell.get(), uni, bin);
     testing::internal::CaptureStdout();
     ASSERT_EQ(quovix_property_calculate_fractional_charge(ppt.get(), cell.get()), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Message: charge of Li(1) is capped to 1.00.\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Message: charge of Li(1) is capped to 1.00.\n");
     const int li = quovix_property_find_index(ppt.get(), "Li", 1);
     const int co = quovix_property_find_index(ppt.get(), "Co", 3);
     const int o = quovix_property_find_index(ppt.get(), "O", -2);
@@ -324,8 +324,8 @@ TEST(PropertyEam, AveragesOverOppositeSignPartnersWeightedByCount) {
                                    {"S", -2, 0.0, 0.0, 0.5, 1.0},
                                    {"Co", 0, 0.2, 0.2, 0.2, 1.0}});
     testing::internal::CaptureStdout();
-    quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, 0.75,
-                                                             uni.c_str(), bin.c_str())};
+    quovix_property_ptr ppt{
+        quovix_property_import_from_cell(cell.get(), nullptr, 0, 0.75, uni.c_str(), bin.c_str())};
     testing::internal::GetCapturedStdout();
     ASSERT_TRUE(ppt);
     ASSERT_EQ(quovix_property_calculate_unitary_eam_parameter(ppt.get()), 0);
@@ -427,8 +427,8 @@ TEST(PropertyValidate, PairChecksFollowTheListOrder) {
 TEST(PropertyImport, UnreadableFileEndsTheBuildWithTheWholeChain) {
     auto cell = species_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0}, {"O", -2, 0.5, 0.5, 0.5, 0.5}});
     testing::internal::CaptureStderr();
-    quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, 0.75,
-                                                             "/nonexistent/u.dat", kBinary.c_str())};
+    quovix_property_ptr ppt{quovix_property_import_from_cell(
+        cell.get(), nullptr, 0, 0.75, "/nonexistent/u.dat", kBinary.c_str())};
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Error: unable to open /nonexistent/u.dat\n"
               "Error: quovix_property_unitary_read_from_file() returns non-zero.\n"

@@ -150,27 +150,39 @@ TEST(SymmetryLookup, TakesFirstSubstringMatchAndNamesFromTheRightPlace) {
 TEST(SymmetryLookup, ReportsWhatWasNotFound) {
     const std::string path = write_temp("mini_missing.dat", kMiniSettings);
     const std::string in = " in " + path + ".\n";
-    Captured c = capture([&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_HM("F m -3 m", path.c_str()), nullptr); });
+    Captured c = capture([&] {
+        EXPECT_EQ(quovix_symmetry_import_by_keyword_HM("F m -3 m", path.c_str()), nullptr);
+    });
     EXPECT_EQ(c.err, "Error: unable to find keyword H-M F m -3 m" + in);
-    c = capture([&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_id("225", path.c_str()), nullptr); });
+    c = capture(
+        [&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_id("225", path.c_str()), nullptr); });
     EXPECT_EQ(c.err, "Error: unable to find keyword id 225" + in);
-    c = capture([&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_Hall("-F 4", path.c_str()), nullptr); });
+    c = capture(
+        [&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_Hall("-F 4", path.c_str()), nullptr); });
     EXPECT_EQ(c.err, "Error: unable to find keyword Hall -F 4" + in);
     for (int no : {0, 4, -1}) {
-        c = capture([&] { EXPECT_EQ(quovix_symmetry_import_by_internal_no(no, path.c_str()), nullptr); });
-        EXPECT_EQ(c.err, "Error: unable to find required space group No." + std::to_string(no) + in);
+        c = capture(
+            [&] { EXPECT_EQ(quovix_symmetry_import_by_internal_no(no, path.c_str()), nullptr); });
+        EXPECT_EQ(c.err,
+                  "Error: unable to find required space group No." + std::to_string(no) + in);
     }
     const std::string none = testing::TempDir() + "no_such_settings.dat";
-    c = capture([&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_HM("P 1", none.c_str()), nullptr); });
+    c = capture(
+        [&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_HM("P 1", none.c_str()), nullptr); });
     EXPECT_EQ(c.err, "Error: unable to open " + none + "\n");
     EXPECT_EQ(quovix_symmetry_count_settings(none.c_str()), -1);
 
-    const std::string broken = write_temp("broken.dat", "DATA_START\n#\n1\n'P 1'\n'P 1'\n2\nx, y, z\n");
-    c = capture([&] { EXPECT_EQ(quovix_symmetry_import_by_internal_no(1, broken.c_str()), nullptr); });
+    const std::string broken =
+        write_temp("broken.dat", "DATA_START\n#\n1\n'P 1'\n'P 1'\n2\nx, y, z\n");
+    c = capture(
+        [&] { EXPECT_EQ(quovix_symmetry_import_by_internal_no(1, broken.c_str()), nullptr); });
     EXPECT_EQ(c.err, "Error: invalid space group entry No.1 in " + broken + ".\n");
     const std::string badop = write_temp("badop.dat", "DATA_START\n#\n1\n'P 1'\n'P 1'\n1\nx, y\n");
-    c = capture([&] { EXPECT_EQ(quovix_symmetry_import_by_internal_no(1, badop.c_str()), nullptr); });
-    EXPECT_EQ(c.err, "Error: invalid symmetry operation 'x, y'.\nquovix_card_set_by_text() returns non-zero.\n");
+    c = capture(
+        [&] { EXPECT_EQ(quovix_symmetry_import_by_internal_no(1, badop.c_str()), nullptr); });
+    EXPECT_EQ(
+        c.err,
+        "Error: invalid symmetry operation 'x, y'.\nquovix_card_set_by_text() returns non-zero.\n");
 }
 
 // Every spelling of every entry of the shipped settings file finds the entry the lookup
@@ -209,10 +221,12 @@ TEST(SymmetryLookup, EveryShippedSpellingFindsItsOperations) {
     };
     std::vector<std::set<OpKey>> sets;
     for (std::size_t k = 0; k < entry.size(); ++k) {
-        quovix_symmetry_ptr sym(quovix_symmetry_import_by_internal_no(static_cast<int>(k) + 1, path.c_str()));
+        quovix_symmetry_ptr sym(
+            quovix_symmetry_import_by_internal_no(static_cast<int>(k) + 1, path.c_str()));
         ASSERT_TRUE(sym) << k + 1;
         sets.push_back(op_set(sym.get()));
-        EXPECT_EQ(static_cast<int>(sets.back().size()), sym->total) << "repeated operation in " << k + 1;
+        EXPECT_EQ(static_cast<int>(sets.back().size()), sym->total)
+            << "repeated operation in " << k + 1;
     }
     // First entry (up to k) whose row at `offset` contains `text`.
     const auto first_holder = [&](std::size_t k, std::size_t offset, const std::string &text) {
@@ -227,7 +241,9 @@ TEST(SymmetryLookup, EveryShippedSpellingFindsItsOperations) {
         SCOPED_TRACE("entry " + std::to_string(k + 1) + ": " + rows[r]);
         const auto check = [&](std::size_t offset, const std::string &text, const char *what) {
             const std::size_t expect = first_holder(k, offset, text);
-            if (expect != k) shadowed.push_back(std::string(what) + " '" + text + "' -> entry " + std::to_string(expect + 1));
+            if (expect != k)
+                shadowed.push_back(std::string(what) + " '" + text + "' -> entry " +
+                                   std::to_string(expect + 1));
             QUOVIX_SYMMETRY *s = nullptr;
             if (offset == 3) s = quovix_symmetry_import_by_keyword_HM(text.c_str(), path.c_str());
             if (offset == 1) s = quovix_symmetry_import_by_keyword_id(text.c_str(), path.c_str());
@@ -257,7 +273,9 @@ TEST(SymmetryFromCif, TakesTheFirstSourcePresent) {
     const auto run = [&](const std::string &text, Captured &c) {
         Rows rows(text);
         QUOVIX_SYMMETRY *s = nullptr;
-        c = capture([&] { s = quovix_symmetry_import_from_array_char_2D(rows.rows(), rows.count(), path.c_str()); });
+        c = capture([&] {
+            s = quovix_symmetry_import_from_array_char_2D(rows.rows(), rows.count(), path.c_str());
+        });
         return quovix_symmetry_ptr(s);
     };
     Captured c;
@@ -273,7 +291,9 @@ TEST(SymmetryFromCif, TakesTheFirstSourcePresent) {
     s = run("loop_\n_space_group_symop_id\n_space_group_symop_operation_xyz\n1 x,y,z\n", c);
     ASSERT_TRUE(s);
     EXPECT_EQ(s->total, 1);
-    EXPECT_EQ(c.out.rfind("Warning: _loop block containing _symmetry_equiv_pos_as_xyz not found.\n", 0), 0u);
+    EXPECT_EQ(
+        c.out.rfind("Warning: _loop block containing _symmetry_equiv_pos_as_xyz not found.\n", 0),
+        0u);
 
     s = run(id + hm, c);
     ASSERT_TRUE(s);
@@ -289,7 +309,8 @@ TEST(SymmetryFromCif, TakesTheFirstSourcePresent) {
     s = run(hall, c);
     ASSERT_TRUE(s);
     EXPECT_STREQ(s->sg_Hall, "-P 1");
-    EXPECT_NE(c.out.find("Message: determining symmetry from Hall symbol ...\n"), std::string::npos);
+    EXPECT_NE(c.out.find("Message: determining symmetry from Hall symbol ...\n"),
+              std::string::npos);
 
     s = run("_cell_length_a 3\n", c);
     EXPECT_FALSE(s);
@@ -338,10 +359,11 @@ TEST(AtomSort, LabelsInNaturalOrderWithinEqualSpecies) {
     EXPECT_LT(quovix_atom_name_compare("Li2", "Li10"), 0);
     EXPECT_GT(quovix_atom_name_compare("Li10", "Li2"), 0);
     EXPECT_EQ(quovix_atom_name_compare("O1", "O1"), 0);
-    EXPECT_LT(quovix_atom_name_compare("O", "O1"), 0);     // shorter first
-    EXPECT_LT(quovix_atom_name_compare("O1", "Oa"), 0);    // digit before non-digit
+    EXPECT_LT(quovix_atom_name_compare("O", "O1"), 0);   // shorter first
+    EXPECT_LT(quovix_atom_name_compare("O1", "Oa"), 0);  // digit before non-digit
     EXPECT_LT(quovix_atom_name_compare("Li2a", "Li2b"), 0);
-    EXPECT_GT(quovix_atom_name_compare("Li02", "Li2"), 0);  // equal numbers, then position by position
+    EXPECT_GT(quovix_atom_name_compare("Li02", "Li2"),
+              0);  // equal numbers, then position by position
 
     auto cell = cubic_cell(4.0, {{"Li10", "Li", 1, 0.1, 0, 0, 1.0},
                                  {"O1", "O", -2, 0.2, 0, 0, 1.0},
@@ -390,11 +412,12 @@ struct Expanded {
 }  // namespace
 
 class RealStructures : public testing::Test {
-protected:
+   protected:
     static void SetUpTestSuite() {
-        for (const char *f : {"NaCl_rocksalt.cif", "Li6PS5Cl_argyrodite.cif", "La2Zr2O7_pyrochlore_origin1.cif",
-                              "Li10GeP2S12_LGPS.cif", "PMN-PT_cubic_mixed_sites.cif", "Li4B7O12Cl_boracite.cif",
-                              "Ferrierite_Na_zeolite.cif", "YBa2Cu3O7.cif", "TiO2_rutile.cif"}) {
+        for (const char *f :
+             {"NaCl_rocksalt.cif", "Li6PS5Cl_argyrodite.cif", "La2Zr2O7_pyrochlore_origin1.cif",
+              "Li10GeP2S12_LGPS.cif", "PMN-PT_cubic_mixed_sites.cif", "Li4B7O12Cl_boracite.cif",
+              "Ferrierite_Na_zeolite.cif", "YBa2Cu3O7.cif", "TiO2_rutile.cif"}) {
             Loaded l = load(data_file(f));
             ASSERT_EQ(l.status, 0) << f << l.log.err;
             all().push_back({f, std::move(l.cell), std::move(l.sym)});
@@ -416,7 +439,8 @@ TEST_F(RealStructures, BinnedPartnerSearchesMatchThePlainOnes) {
         std::vector<QUOVIX_ATOM> raw(static_cast<std::size_t>(n));
         for (long i = 0; i < c->total; ++i) {
             for (int k = 0; k < e.sym->total; ++k) {
-                raw[static_cast<std::size_t>(i * e.sym->total + k)] = quovix_atom_spawn_by_card(&c->atom[i], &e.sym->card[k]);
+                raw[static_cast<std::size_t>(i * e.sym->total + k)] =
+                    quovix_atom_spawn_by_card(&c->atom[i], &e.sym->card[k]);
             }
         }
         QUOVIX_ATOM *a = quovix_atom_new(n);
@@ -441,7 +465,8 @@ TEST_F(RealStructures, BinnedPartnerSearchesMatchThePlainOnes) {
         std::vector<long> f1;
         for (long i = 0; i < c->total; ++i) f1.push_back(c->atom[i].flag);
         ASSERT_EQ(quovix_cell_flag_site_by_symmetry_plain(c, e.sym.get()), 0);
-        for (long i = 0; i < c->total; ++i) EXPECT_EQ(c->atom[i].flag, f1[static_cast<std::size_t>(i)]);
+        for (long i = 0; i < c->total; ++i)
+            EXPECT_EQ(c->atom[i].flag, f1[static_cast<std::size_t>(i)]);
         // One site number per orbit: as many numbers as atoms in the reduced cell.
         EXPECT_EQ(*std::max_element(f1.begin(), f1.end()), r1->total);
 
@@ -451,7 +476,8 @@ TEST_F(RealStructures, BinnedPartnerSearchesMatchThePlainOnes) {
             for (long i = 0; i < c->total; ++i) m1.push_back(c->atom[i].ignored);
             const bool v2 = quovix_cell_validate_by_symmetry_plain(c, e.sym.get(), tol);
             EXPECT_EQ(v1, v2) << tol;
-            for (long i = 0; i < c->total; ++i) EXPECT_EQ(c->atom[i].ignored, m1[static_cast<std::size_t>(i)]);
+            for (long i = 0; i < c->total; ++i)
+                EXPECT_EQ(c->atom[i].ignored, m1[static_cast<std::size_t>(i)]);
         }
         quovix_cell_refresh(c);
     }
@@ -463,8 +489,10 @@ TEST(Expansion, SpawnLimit) {
     ASSERT_EQ(l.status, 0);
     QUOVIX_ATOM *atom = quovix_atom_new(QUOVIX_MAX_ATOMS / 100);
     long total = QUOVIX_MAX_ATOMS / 100;
-    Captured c = capture([&] { EXPECT_EQ(quovix_atom_spawn_by_symmetry(&atom, &total, l.sym.get()), 1); });
-    EXPECT_EQ(c.err, "Error: 10000 atoms times 192 operations exceed the limit of 1000000 atoms.\n");
+    Captured c =
+        capture([&] { EXPECT_EQ(quovix_atom_spawn_by_symmetry(&atom, &total, l.sym.get()), 1); });
+    EXPECT_EQ(c.err,
+              "Error: 10000 atoms times 192 operations exceed the limit of 1000000 atoms.\n");
     EXPECT_EQ(total, QUOVIX_MAX_ATOMS / 100);
     quovix_atom_free(atom);
 }
@@ -497,13 +525,15 @@ TEST(Validation, ToleranceIsCartesianAndNotPeriodic) {
     quovix_symmetry_ptr inv(quovix_symmetry_new(1));
     ASSERT_EQ(quovix_card_set_by_text(&inv->card[0], "-x, -y, -z"), 0);
     // Atoms at +-0.1 along a of a 10 A cell: images coincide.
-    auto cell = cubic_cell(10.0, {{"A1", "Li", 1, 0.1, 0.5, 0.5, 1.0}, {"A2", "Li", 1, 0.9, 0.5, 0.5, 1.0}});
+    auto cell = cubic_cell(
+        10.0, {{"A1", "Li", 1, 0.1, 0.5, 0.5, 1.0}, {"A2", "Li", 1, 0.9, 0.5, 0.5, 1.0}});
     EXPECT_TRUE(quovix_cell_validate_by_symmetry(cell.get(), inv.get(), 0.01));
     cell->atom[1].x[0] += 0.009;  // image 0.009 A away: inside 0.01, outside 0.005
     EXPECT_TRUE(quovix_cell_validate_by_symmetry(cell.get(), inv.get(), -1.0));
     EXPECT_FALSE(quovix_cell_validate_by_symmetry(cell.get(), inv.get(), 0.005));
-    for (long i = 0; i < cell->total; ++i) EXPECT_FALSE(cell->atom[i].ignored);  // cleared on failure
-    cell->atom[1].occ = 0.9996;  // occupancies must agree within 0.0005
+    for (long i = 0; i < cell->total; ++i)
+        EXPECT_FALSE(cell->atom[i].ignored);  // cleared on failure
+    cell->atom[1].occ = 0.9996;               // occupancies must agree within 0.0005
     EXPECT_TRUE(quovix_cell_validate_by_symmetry(cell.get(), inv.get(), 0.01));
     cell->atom[1].occ = 0.999;
     EXPECT_FALSE(quovix_cell_validate_by_symmetry(cell.get(), inv.get(), 0.01));
@@ -514,33 +544,47 @@ TEST(Validation, ToleranceIsCartesianAndNotPeriodic) {
     edge->atom[0].x_f[0] = 0.0;
     quovix_cell_update_cartesion(edge.get());
     EXPECT_TRUE(quovix_cell_validate_by_symmetry(edge.get(), inv.get(), 0.01));
-    Captured c = capture([&] { EXPECT_FALSE(quovix_cell_validate_by_symmetry(nullptr, inv.get(), 0.01)); });
+    Captured c =
+        capture([&] { EXPECT_FALSE(quovix_cell_validate_by_symmetry(nullptr, inv.get(), 0.01)); });
     EXPECT_EQ(c.err, "Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n");
 }
 
 TEST(SpaceGroupSearch, P1RockSaltKeepsTheLastFittingSetting) {
-    auto cell = cubic_cell(5.62, {{"Na1", "Na", 1, 0, 0, 0, 1},       {"Na1", "Na", 1, 0, 0.5, 0.5, 1},
-                                  {"Na1", "Na", 1, 0.5, 0, 0.5, 1},   {"Na1", "Na", 1, 0.5, 0.5, 0, 1},
-                                  {"Cl1", "Cl", -1, 0.5, 0.5, 0.5, 1}, {"Cl1", "Cl", -1, 0.5, 0, 0, 1},
-                                  {"Cl1", "Cl", -1, 0, 0.5, 0, 1},     {"Cl1", "Cl", -1, 0, 0, 0.5, 1}});
+    auto cell = cubic_cell(5.62, {{"Na1", "Na", 1, 0, 0, 0, 1},
+                                  {"Na1", "Na", 1, 0, 0.5, 0.5, 1},
+                                  {"Na1", "Na", 1, 0.5, 0, 0.5, 1},
+                                  {"Na1", "Na", 1, 0.5, 0.5, 0, 1},
+                                  {"Cl1", "Cl", -1, 0.5, 0.5, 0.5, 1},
+                                  {"Cl1", "Cl", -1, 0.5, 0, 0, 1},
+                                  {"Cl1", "Cl", -1, 0, 0.5, 0, 1},
+                                  {"Cl1", "Cl", -1, 0, 0, 0.5, 1}});
     QUOVIX_SYMMETRY *found = nullptr;
-    Captured c = capture([&] { found = quovix_symmetry_calculate_from_cell(cell.get(), -1.0, symcards().c_str()); });
+    Captured c = capture(
+        [&] { found = quovix_symmetry_calculate_from_cell(cell.get(), -1.0, symcards().c_str()); });
     quovix_symmetry_ptr owner(found);
     ASSERT_TRUE(found) << c.err;
     EXPECT_EQ(found->sg_id, 225);
     EXPECT_STREQ(found->sg_HM, "F m -3 m");
-    EXPECT_EQ(c.out.rfind("Message: total 530 space group settings found in " + symcards() + ".\n", 0), 0u);
+    EXPECT_EQ(
+        c.out.rfind("Message: total 530 space group settings found in " + symcards() + ".\n", 0),
+        0u);
     EXPECT_NE(c.out.find("Message: structure fits to symmetry P 1.\n"), std::string::npos);
     EXPECT_NE(c.out.find("Message: structure fits to symmetry P m -3 m.\n"), std::string::npos);
-    const std::string tail = "Message: structure fits to symmetry F m -3 m.\nMessage: determined space group: F m -3 m\n";
+    const std::string tail =
+        "Message: structure fits to symmetry F m -3 m.\nMessage: determined space group: F m -3 "
+        "m\n";
     EXPECT_EQ(c.out.substr(c.out.size() - tail.size()), tail);
 
     QUOVIX_SYMMETRY *plain = nullptr;
-    Captured c2 = capture([&] { plain = quovix_symmetry_calculate_from_cell_plain(cell.get(), -1.0, symcards().c_str()); });
+    Captured c2 = capture([&] {
+        plain = quovix_symmetry_calculate_from_cell_plain(cell.get(), -1.0, symcards().c_str());
+    });
     quovix_symmetry_ptr plain_owner(plain);
     EXPECT_EQ(c2.out, c.out);
 
     const std::string none = testing::TempDir() + "absent_symcards.dat";
-    c = capture([&] { EXPECT_EQ(quovix_symmetry_calculate_from_cell(cell.get(), 0.01, none.c_str()), nullptr); });
+    c = capture([&] {
+        EXPECT_EQ(quovix_symmetry_calculate_from_cell(cell.get(), 0.01, none.c_str()), nullptr);
+    });
     EXPECT_EQ(c.out, "Error: unable to open " + none + ".\n");
 }

@@ -65,9 +65,9 @@ TEST(PairFunctions, ForcesAreDistanceDerivativesOfTheEnergies) {
                            quovix_energy_bonding(x - h, 0.07, 2.0, 0.5)) /
                           (2.0 * h);
         EXPECT_NEAR(quovix_force_bonding(x, 0.07, 2.0, 0.5), eb, 1e-8) << x;
-        const double ec = (quovix_energy_coulombic(x + h, 0.7, 1.6) -
-                           quovix_energy_coulombic(x - h, 0.7, 1.6)) /
-                          (2.0 * h);
+        const double ec =
+            (quovix_energy_coulombic(x + h, 0.7, 1.6) - quovix_energy_coulombic(x - h, 0.7, 1.6)) /
+            (2.0 * h);
         EXPECT_NEAR(quovix_force_coulombic(x, 0.7, 1.6), ec, 1e-8) << x;
     }
 }
@@ -77,9 +77,9 @@ TEST(PairFunctions, ForcesAreDistanceDerivativesOfTheEnergies) {
 // The shipped energy visits only the images in reach and sums per atom on several threads;
 // it must agree with the plain loop to 1e-9 relative and not depend on the thread count.
 TEST(CellEnergy, BoundedParallelSumAgreesWithThePlainLoop) {
-    for (const char *name : {"NaCl_rocksalt.cif", "Li2O_antifluorite_primitive_P1.cif",
-                             "LiFePO4_olivine_P1.cif", "Li6PS5Cl_argyrodite.cif",
-                             "Na3PS4_cubic_2x2x2_P1.cif"}) {
+    for (const char *name :
+         {"NaCl_rocksalt.cif", "Li2O_antifluorite_primitive_P1.cif", "LiFePO4_olivine_P1.cif",
+          "Li6PS5Cl_argyrodite.cif", "Na3PS4_cubic_2x2x2_P1.cif"}) {
         auto cell = read_cif(name);
         auto ppt = property_of(cell.get());
         ASSERT_TRUE(ppt) << name;
@@ -105,8 +105,8 @@ TEST(CellEnergy, IgnoredAtomsDropTheirRowsOnlyAndOverlapsFollowTheContactRule) {
     for (int os : {1, -1}) {
         for (long k = 0; k < cell->total; ++k) cell->atom[k].ignored = cell->atom[k].os == os;
         rows[os > 0] = quovix_cell_calculate_total_energy(cell.get(), ppt.get());
-        EXPECT_LT(relative(rows[os > 0], quovix_cell_calculate_total_energy_reference(
-                                             cell.get(), ppt.get())),
+        EXPECT_LT(relative(rows[os > 0],
+                           quovix_cell_calculate_total_energy_reference(cell.get(), ppt.get())),
                   1e-9);
     }
     EXPECT_LT(relative(rows[0] + rows[1], all), 1e-12);
@@ -236,7 +236,8 @@ TEST(Embedding, RockSaltEnergyFromTheDensityByHand) {
     };
     const double rho = 6.0 * s(2.81) + 8.0 * s(5.62 * std::sqrt(3.0) / 2.0);
     const double hand = 7.19982 * 4.0 * -(ppt->uni[0].f1 + ppt->uni[1].f1) * std::sqrt(rho);
-    EXPECT_NEAR(quovix_cell_calculate_eam_energy(cell.get(), ppt.get()), hand, 1e-9 * std::fabs(hand));
+    EXPECT_NEAR(quovix_cell_calculate_eam_energy(cell.get(), ppt.get()), hand,
+                1e-9 * std::fabs(hand));
     EXPECT_DOUBLE_EQ(quovix_cell_calculate_total_energy_eam(cell.get(), ppt.get()),
                      quovix_cell_calculate_total_energy(cell.get(), ppt.get()) +
                          quovix_cell_calculate_eam_energy(cell.get(), ppt.get()));
