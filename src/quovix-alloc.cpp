@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "quovix-io.hpp"
+
 namespace {
 
 // Buffers grow and are imported in whole blocks of this many bytes.
@@ -433,12 +435,26 @@ int text_write(QUOVIX_TEXT *text, const char *filename, const char *mode) {
 }
 }  // namespace
 
-/// Writes the content to `filename` (binary mode, truncating). Returns 0 or 1.
+/// Writes the content to `filename` as a whole: the file appears complete or not at all, and
+/// an existing file of that name is replaced only on success. Returns 0 or 1.
 int quovix_text_export_to_file(QUOVIX_TEXT *text, const char *filename) {
-    return text_write(text, filename, "wb");
+    if (!text || !text->content) {
+        std::fputs("Error: QUOVIX_TEXT has not been properly allocated.\n", stderr);
+        return 1;
+    }
+    quovix_output_file out(filename);
+    if (!out) {
+        std::fprintf(stderr, "Error: unable to open %s.\n", filename ? filename : "(null)");
+        return 1;
+    }
+    const auto n = static_cast<size_t>(text->length);
+    if (std::fwrite(text->content, 1, n, out.get()) != n) {
+        std::fprintf(stderr, "Error: unable to write %s.\n", filename);
+        return 1;
+    }
+    return out.commit();
 }
 
-/// Appends the content to `filename` (binary mode). Returns 0 or 1.
 int quovix_text_append_to_file(QUOVIX_TEXT *text, const char *filename) {
     return text_write(text, filename, "ab");
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "quovix-import.hpp"
+#include "quovix-io.hpp"
 
 namespace {
 
@@ -221,7 +222,7 @@ int quovix_cube_export_to_file(QUOVIX_CUBE *cube, QUOVIX_CELL *cell, QUOVIX_PROP
             std::puts("Message: cube file is generated without header.");
         }
 
-        quovix_file_ptr file{std::fopen(filename, "wb")};
+        quovix_output_file file(filename);
         if (!file) {
             std::fprintf(stderr, "Error: unable to open file %s\n", filename);
             return 1;
@@ -269,11 +270,8 @@ int quovix_cube_export_to_file(QUOVIX_CUBE *cube, QUOVIX_CELL *cell, QUOVIX_PROP
                 std::fwrite(buf.data(), 1, buf.size(), f);
             }
         }
-        bool failed = std::ferror(f) != 0;
-        failed = (std::fclose(file.release()) != 0) || failed;
-        if (failed) {
+        if (std::ferror(f) != 0 || file.commit() != 0) {
             std::fprintf(stderr, "Error: unable to write file %s\n", filename);
-            std::remove(filename);
             return 1;
         }
         std::printf("Message: cube file saved to %s.\n", filename);

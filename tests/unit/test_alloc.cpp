@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "quovix-alloc.hpp"
+#include "temp_dir.hpp"
 
 namespace {
 
@@ -18,7 +19,7 @@ using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
 // A scratch file path unique to this test binary and name.
-std::string temp_path(const char *name) { return testing::TempDir() + "quovix_alloc_" + name; }
+std::string temp_path(const char *name) { return test_tmp::dir() + "quovix_alloc_" + name; }
 
 void write_file(const std::string &path, const std::string &bytes) {
     std::FILE *f = std::fopen(path.c_str(), "wb");
@@ -121,7 +122,7 @@ TEST(TextBuffer, ImportKeepsBytesAndSizesTheBuffer) {
 // Empty and missing files: see the e2e cases print-cell-empty and print-cell-missing-file.
 TEST(TextBuffer, ImportFailsOnADirectory) {
     // A directory opens but reports an absurd end position.
-    const std::string dir = testing::TempDir();
+    const std::string dir = test_tmp::dir();
     CaptureStderr();
     EXPECT_EQ(quovix_text_import_from_file(dir.c_str()), nullptr);
     EXPECT_EQ(GetCapturedStderr(), "Error: failed to read content of " + dir + "\n");

@@ -15,6 +15,7 @@
 #include "quovix-alloc.hpp"
 #include "quovix-cube.hpp"
 #include "quovix-import.hpp"
+#include "temp_dir.hpp"
 
 namespace {
 
@@ -35,7 +36,7 @@ void spit(const std::string &path, const std::string &text) {
 }
 
 std::string temp_path(const std::string &name) {
-    return testing::TempDir() + "quovix_test_cube_" + name;
+    return test_tmp::dir() + "quovix_test_cube_" + name;
 }
 
 // A cube with the given counts over an orthogonal cell, values filled by `fill(i, j, k)`.

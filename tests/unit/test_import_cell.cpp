@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "import_test_helpers.hpp"
+#include "temp_dir.hpp"
 
 using namespace test_import;
 
@@ -351,7 +352,7 @@ TEST(CifWriter, WrittenFileReadsBackToTheSameCell) {
     Loaded l = load(data_file("La2Zr2O7_pyrochlore_origin1.cif"));
     ASSERT_EQ(l.status, 0);
     std::strcpy(l.cell->atom[0].name, "ABCDEFGHIJK");  // 11 characters survive
-    const std::string path = testing::TempDir() + "roundtrip.cif";
+    const std::string path = test_tmp::dir() + "roundtrip.cif";
     Captured c = capture([&] {
         EXPECT_EQ(quovix_cell_export_cif_to_file(path.c_str(), l.cell.get(), l.sym.get()), 0);
     });
@@ -381,7 +382,7 @@ TEST(CifWriter, WrittenFileReadsBackToTheSameCell) {
         label = label || std::strcmp(back.cell->atom[j].name, "ABCDEFGHIJK") == 0;
     EXPECT_TRUE(label);
 
-    const std::string dir = testing::TempDir() + "no_such_dir/x.cif";
+    const std::string dir = test_tmp::dir() + "no_such_dir/x.cif";
     c = capture([&] {
         EXPECT_EQ(quovix_cell_export_cif_to_file(dir.c_str(), l.cell.get(), l.sym.get()), 1);
     });

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "import_test_helpers.hpp"
+#include "temp_dir.hpp"
 
 using namespace test_import;
 
@@ -309,7 +310,7 @@ TEST(DefaultOs, FirstRowOfTheElementTable) {
     EXPECT_EQ(atom[1].os, 3);
     EXPECT_EQ(atom[2].os, 99);  // after DATA_END: not in the table
     EXPECT_EQ(atom[3].os, -1);
-    const std::string none = testing::TempDir() + "no_unitary.dat";
+    const std::string none = test_tmp::dir() + "no_unitary.dat";
     Captured c =
         capture([&] { EXPECT_EQ(quovix_atom_update_default_os(atom, 4, none.c_str()), 1); });
     EXPECT_EQ(c.err, "Error: unable to open " + none + "\n");
@@ -487,7 +488,7 @@ TEST(ReadCif, SettingsFileMissing) {
     // A structure that needs the settings file when it is not there.
     QUOVIX_CELL *c = nullptr;
     QUOVIX_SYMMETRY *s = nullptr;
-    const std::string nosettings = testing::TempDir() + "none_symcards.dat";
+    const std::string nosettings = test_tmp::dir() + "none_symcards.dat";
     Captured log = capture([&] {
         EXPECT_EQ(
             quovix_cell_import_cif_from_file(&c, &s, data_file("CuCrP2Se6_HM_only.cif").c_str(),
@@ -504,7 +505,7 @@ TEST(ReadCif, SettingsFileMissing) {
 
 TEST(ReadCif, SeriesOfFilesByPrefix) {
     CifParts p;
-    const std::string prefix = testing::TempDir() + "series";
+    const std::string prefix = test_tmp::dir() + "series";
     for (int i = 0; i < 2; ++i) {
         std::ofstream(prefix + "." + std::to_string(i) + ".cif", std::ios::binary) << p.text();
     }

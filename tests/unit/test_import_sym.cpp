@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "import_test_helpers.hpp"
+#include "temp_dir.hpp"
 
 using namespace test_import;
 
@@ -166,7 +167,7 @@ TEST(SymmetryLookup, ReportsWhatWasNotFound) {
         EXPECT_EQ(c.err,
                   "Error: unable to find required space group No." + std::to_string(no) + in);
     }
-    const std::string none = testing::TempDir() + "no_such_settings.dat";
+    const std::string none = test_tmp::dir() + "no_such_settings.dat";
     c = capture(
         [&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_HM("P 1", none.c_str()), nullptr); });
     EXPECT_EQ(c.err, "Error: unable to open " + none + "\n");
@@ -582,7 +583,7 @@ TEST(SpaceGroupSearch, P1RockSaltKeepsTheLastFittingSetting) {
     quovix_symmetry_ptr plain_owner(plain);
     EXPECT_EQ(c2.out, c.out);
 
-    const std::string none = testing::TempDir() + "absent_symcards.dat";
+    const std::string none = test_tmp::dir() + "absent_symcards.dat";
     c = capture([&] {
         EXPECT_EQ(quovix_symmetry_calculate_from_cell(cell.get(), 0.01, none.c_str()), nullptr);
     });
