@@ -4,7 +4,9 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config clang-format libfftw3-dev libgtest-dev libgmock-dev libbenchmark-dev
-          python3 python3-spglib python3-gemmi python3-pymatgen python3-ase python3-numpy)
+          python3 python3-spglib python3-gemmi python3-pymatgen python3-ase python3-numpy
+          python3-scipy python3-matplotlib graphviz snakemake
+          clang libclang-rt-14-dev libfuzzer-14-dev)
 
 missing=()
 for p in "${packages[@]}"; do
