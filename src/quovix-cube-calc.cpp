@@ -12,7 +12,9 @@
 #include <vector>
 
 #include "quovix-cube.hpp"
+#include "quovix-grid.hpp"
 #include "quovix-import.hpp"
+#include "quovix-pair.hpp"
 
 namespace {
 
@@ -25,9 +27,9 @@ constexpr long GRID_STEP = 24;
 // reduction only ever lowers the largest count, so capping larger counts at 546 * 24 = 13104
 // leaves the result unchanged while bounding the loop.
 constexpr double GRID_UNITS_CAP = 546.0;
-// Screened Coulomb repulsion between like charges is counted up to this distance (A); it is
-// also the least search radius.
-constexpr double COULOMB_RANGE = 10.0;
+// Screened Coulomb repulsion between like charges is counted up to the distance where its
+// shifted energy vanishes (A); it is also the least search radius.
+constexpr double COULOMB_RANGE = QUOVIX_COULOMB_SHIFT_DISTANCE;
 // Energies above this cap (eV) are stored as the cap.
 constexpr double ENERGY_CAP = 999.9;
 // A grid value this close to 0 counts as "not computed yet".
@@ -37,24 +39,21 @@ constexpr long MAX_IMAGES = 1000000;
 
 // One atom acting on the mobile ion, with the pair constants of (mobile, atom).
 struct Term {
-    double x[3];  // Cartesian position in the home cell (A)
-    double occ;   // occupancy weight
-    bool bonded;  // opposite charges: shifted Morse bond; like charges: screened Coulomb
-    double cut;   // interaction range: the pair cutoff, or COULOMB_RANGE
-    double r_in;  // r_bc or r_cc: inside it the quadratic pseudopotential applies
-    double a0, a1, a2;
-    double d0, rmin, b, en_s;  // bonded pair
-    double qq, reff;           // Coulomb pair: q_M q_T and sf (rc_M + rc_T)
-    // Coulomb pair: q erfc(10 / r_eff) / 10. quovix_energy_coulombic(x, q, r) evaluates
-    // q erfc(x / r) / x - q erfc(10 / r) / 10 in this order, so subtracting the stored second
-    // half gives the same double at half the cost (erfc dominates a point's time). The plain
-    // loop calls the pair function itself, and the tests compare both loops bit for bit.
+    double x[3];                 // Cartesian position in the home cell (A)
+    double occ;                  // occupancy weight
+    const quovix_pair_term *pt;  // constants of (mobile species, atom species)
+    bool bonded;                 // opposite charges: shifted Morse bond; like: screened Coulomb
+    double cut;                  // interaction range: the pair cutoff, or COULOMB_RANGE
+    double reff;                 // Coulomb pair: sf (rc_M + rc_T)
+    // Coulomb pair: q erfc(10 / r_eff) / 10, the constant second half of
+    // quovix_energy_coulombic, computed once per atom instead of once per contact.
     double shift;
 };
 
 // Everything the grid loop needs, shared by the plain and the fast loop.
 struct Landscape {
     quovix_cube_ptr cube;
+    quovix_pair_table table;              // constants of every species pair
     std::vector<Term> terms;              // in cell atom order
     long m[3] = {0, 0, 0};                // lattice translations -m..m per axis
     QUOVIX_SYMMETRY *symmetry = nullptr;  // discrete cards filled; null: identity only
@@ -82,11 +81,12 @@ inline double distance(const double r[3], double px, double py, double pz) {
 
 // Contribution of one contact at distance d (within range), before the occupancy weight.
 inline double pair_energy(const Term &t, double d) {
+    const quovix_pair_term &p = *t.pt;
     if (t.bonded)
-        return d <= t.r_in ? quovix_pseudopotential_energy_bonding(d, t.a2, t.a1, t.a0)
-                           : quovix_energy_bonding_with_energy_shift(d, t.d0, t.rmin, t.b, t.en_s);
-    return d <= t.r_in ? quovix_pseudopotential_energy_coulombic(d, t.a2, t.a1, t.a0)
-                       : quovix_energy_coulombic(d, t.qq, t.reff);
+        return d <= p.r_in ? quovix_pseudopotential_energy_bonding(d, p.a2, p.a1, p.a0)
+                           : quovix_energy_bonding_with_energy_shift(d, p.d0, p.rmin, p.b, p.en_s);
+    return d <= p.r_in ? quovix_pseudopotential_energy_coulombic(d, p.a2, p.a1, p.a0)
+                       : quovix_energy_coulombic(d, p.q, t.reff);
 }
 
 // eV from the two reduced sums, capped.
@@ -122,27 +122,26 @@ struct GridCard {
     long t[3];
 };
 
-// v brought into [0, n): a step or two in practice (rotation entries are 0 or +-1 and
-// translations below n), the remainder only as a fallback.
-inline long wrap(long v, long n) {
-    if (v >= n) {
-        v -= n;
-        if (v >= n) v %= n;
-    } else if (v < 0) {
-        v += n;
-        if (v < 0) {
-            v %= n;
-            if (v < 0) v += n;
-        }
-    }
-    return v;
+// Flat index of the image of (i, j, k) under a card.
+inline long card_image(const GridCard &g, const quovix_grid &grid, long i, long j, long k) {
+    return grid.flat(g.r[0][0] * i + g.r[0][1] * j + g.r[0][2] * k + g.t[0],
+                     g.r[1][0] * i + g.r[1][1] * j + g.r[1][2] * k + g.t[1],
+                     g.r[2][0] * i + g.r[2][1] * j + g.r[2][2] * k + g.t[2]);
 }
 
-inline long card_image(const GridCard &g, const long n[3], long i, long j, long k) {
-    long o[3];
-    for (int c = 0; c < 3; c++)
-        o[c] = wrap(g.r[c][0] * i + g.r[c][1] * j + g.r[c][2] * k + g.t[c], n[c]);
-    return (o[0] * n[1] + o[1]) * n[2] + o[2];
+// Grid value at a flat index.
+inline double &value_at(QUOVIX_CUBE *cube, const quovix_grid &grid, long q) {
+    const auto x = grid.index(q);
+    return cube->en[x[0]][x[1]][x[2]];
+}
+
+// A value printed with six decimals (the cube file's " %12.6f") might round the other way if
+// its last bits moved: it lies within 1e-9 eV of a rounding boundary. The vector math differs
+// from the scalar functions by a few units in the last place, far below this window.
+inline bool near_print_boundary(double v) {
+    const double scaled = std::fabs(v) * 1e6;
+    const double frac = scaled - std::floor(scaled);
+    return std::fabs(frac - 0.5) < 1e-3;
 }
 
 // Shows "Progress: nn%" on standard error, only when it is a terminal.
@@ -246,7 +245,10 @@ bool prepare(Landscape &ls, QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, QUOVIX
         return false;
     }
 
-    const QUOVIX_PROPERTY_UNITARY &um = ppt->uni[M];
+    if (!quovix_pair_table_build(ls.table, ppt)) {
+        std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
+        return false;
+    }
     for (long t = 0; t < cell->total; t++) {
         const QUOVIX_ATOM &atom = cell->atom[t];
         if (atom.ignored) continue;
@@ -262,30 +264,20 @@ bool prepare(Landscape &ls, QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, QUOVIX
         }
         const int sign = os_m * ppt->os[T];
         if (sign == 0) continue;
-        // Bonded records are stored cation first.
-        const QUOVIX_PROPERTY_BINARY &p = os_m > 0 ? ppt->bin[M][T] : ppt->bin[T][M];
+        // The table reads bonded records cation first.
         Term term{};
         for (int c = 0; c < 3; c++)
             term.x[c] = atom.x_f[0] * cell->a[0][c] + atom.x_f[1] * cell->a[1][c] +
                         atom.x_f[2] * cell->a[2][c];
         term.occ = atom.occ;
+        term.pt = &ls.table.term(M, T);
         term.bonded = sign < 0;
-        term.a0 = p.a0;
-        term.a1 = p.a1;
-        term.a2 = p.a2;
         if (term.bonded) {
-            term.cut = p.cutoff;
-            term.r_in = p.r_bc;
-            term.d0 = p.d0;
-            term.rmin = p.rmin;
-            term.b = p.b;
-            term.en_s = p.en_s;
+            term.cut = term.pt->cutoff;
         } else {
             term.cut = COULOMB_RANGE;
-            term.r_in = p.r_cc;
-            term.qq = um.q * ppt->uni[T].q;
-            term.reff = ppt->sf * (um.rc + ppt->uni[T].rc);
-            term.shift = term.qq * std::erfc(COULOMB_RANGE / term.reff) / COULOMB_RANGE;
+            term.reff = ppt->sf * term.pt->rcs;
+            term.shift = quovix_energy_coulombic_shift(term.pt->q, term.reff);
         }
         ls.terms.push_back(term);
     }
@@ -314,25 +306,29 @@ void fill_plain(Landscape &ls) {
             }
 }
 
-// Fast loop. Gives the plain loop's value at every point, bit for bit:
+// Fast loop. Gives the plain loop's value at every point within rounding (1e-12 eV), and the
+// same six printed decimals:
 //  - sources: each acting atom's translations (same -m..m range) that can come within its
 //    range of the cell, kept in the plain loop's (atom, translation) order;
 //  - the grid is cut into small blocks; each block gathers, through Cartesian bins, the
-//    sources within its own radius plus their range, sorted back into source order, so a
-//    point sums exactly the contacts the plain loop sums, in the same order, with the same
-//    arithmetic;
+//    sources within its own radius plus their range, sorted back into source order and split
+//    by kind into the batch kernel's arrays (quovix_pair_kernel_sum), which sums a register
+//    of points at a time, each point in source order, with vector exp and erfc;
+//  - a value within 1e-9 eV of a six-decimal rounding boundary is recomputed with the scalar
+//    functions (quovix_pair_kernel_sum_exact), so the plain loop's own double is printed;
 //  - only one point per symmetry orbit is computed: first the points the plain loop would
 //    compute if no value were ~0 are found (cheap, integer), their energies computed in
-//    parallel (each point by one thread, so the thread count cannot change a value), then
-//    the plain loop's visiting and filling is replayed, computing on the spot the rare
-//    point it would recompute because a value came out ~0.
+//    parallel (a value depends only on the point and the sources, never on the thread or
+//    the neighbours in the register), then the plain loop's visiting and filling is
+//    replayed, computing on the spot the rare point it would recompute because a value came
+//    out ~0.
 class FastFill {
    public:
-    explicit FastFill(Landscape &ls) : ls_(ls), cube_(ls.cube.get()) {}
+    explicit FastFill(Landscape &ls) : ls_(ls), cube_(ls.cube.get()), grid_(ls.cube->n) {}
 
     void run() {
         const long *n = cube_->n;
-        total_ = n[0] * n[1] * n[2];
+        total_ = grid_.points();
         make_cards();
         make_sources();
         make_bins();
@@ -351,7 +347,7 @@ class FastFill {
                     state[p] = 1;
                     reps.push_back(p);
                     for (const GridCard &g : cards_) {
-                        long q = card_image(g, n, i, j, k);
+                        long q = card_image(g, grid_, i, j, k);
                         if (!state[q]) state[q] = 2;
                     }
                 }
@@ -369,10 +365,8 @@ class FastFill {
                     if (std::fabs(cube_->en[i][j][k]) <= UNSET) {
                         double e = rep ? value[o] : single(i, j, k);
                         cube_->en[i][j][k] = e;
-                        for (const GridCard &g : cards_) {
-                            long q = card_image(g, n, i, j, k);
-                            cube_->en[q / (n[1] * n[2])][(q / n[2]) % n[1]][q % n[2]] = e;
-                        }
+                        for (const GridCard &g : cards_)
+                            value_at(cube_, grid_, card_image(g, grid_, i, j, k)) = e;
                     }
                     if (rep) o++;
                 }
@@ -381,6 +375,7 @@ class FastFill {
    private:
     Landscape &ls_;
     QUOVIX_CUBE *cube_;
+    quovix_grid grid_;
     long total_ = 0;
     std::vector<GridCard> cards_;
     // Sources, structure of arrays, in (term, translation) order.
@@ -409,7 +404,7 @@ class FastFill {
                     identity = identity && g.r[r][s] == (r == s ? 1 : 0);
                 }
                 g.t[r] = card.t_i[r];
-                identity = identity && wrap(g.t[r], n[r]) == 0;
+                identity = identity && quovix_grid::wrap(g.t[r], n[r]) == 0;
             }
             if (!identity) cards_.push_back(g);
         }
@@ -535,98 +530,52 @@ class FastFill {
         std::sort(out.begin(), out.end());
     }
 
-    // The sources near a block, split by kind (each kind feeds its own sum, so splitting
-    // keeps the order of every sum), with contiguous coordinates and constants.
+    // The sources near a block in the kernel's arrays, and the work arrays of its points.
     struct Near {
         std::vector<int> idx;
-        std::vector<double> bx, by, bz, bcut, bocc, bdist;
-        std::vector<int> bterm;
-        std::vector<double> cx, cy, cz, cqq, creff, cshift, crin, cocc, cdist;
-        std::vector<int> cterm;
-        // Per point: the contacts within range, their distances, arguments and values.
-        std::vector<double> hd, harg, hval;
-        std::vector<int> hc;
+        quovix_pair_sources src;
+        std::vector<double> px, py, pz, eb, ec, out;
     };
 
-    void split(Near &nr) const {
-        for (auto *v : {&nr.bx, &nr.by, &nr.bz, &nr.bcut, &nr.bocc, &nr.cx, &nr.cy, &nr.cz, &nr.cqq,
-                        &nr.creff, &nr.cshift, &nr.crin, &nr.cocc})
-            v->clear();
-        nr.bterm.clear();
-        nr.cterm.clear();
-        for (int s : nr.idx) {
-            const Term &t = ls_.terms[sterm_[s]];
-            if (t.bonded) {
-                nr.bx.push_back(sx_[s]);
-                nr.by.push_back(sy_[s]);
-                nr.bz.push_back(sz_[s]);
-                nr.bcut.push_back(scut_[s]);
-                nr.bocc.push_back(t.occ);
-                nr.bterm.push_back(sterm_[s]);
-            } else {
-                nr.cx.push_back(sx_[s]);
-                nr.cy.push_back(sy_[s]);
-                nr.cz.push_back(sz_[s]);
-                nr.cqq.push_back(t.qq);
-                nr.creff.push_back(t.reff);
-                nr.cshift.push_back(t.shift);
-                nr.crin.push_back(t.r_in);
-                nr.cocc.push_back(t.occ);
-                nr.cterm.push_back(sterm_[s]);
-            }
-        }
-        const std::size_t most = std::max(nr.bx.size(), nr.cx.size());
-        nr.bdist.resize(nr.bx.size());
-        nr.cdist.resize(nr.cx.size());
-        nr.hd.resize(most);
-        nr.harg.resize(most);
-        nr.hval.resize(most);
-        nr.hc.resize(most);
+    static void resize_points(Near &nr, long count) {
+        const auto c = static_cast<std::size_t>(count);
+        for (auto *v : {&nr.px, &nr.py, &nr.pz, &nr.eb, &nr.ec, &nr.out}) v->resize(c);
     }
 
-    // Energy at one point from the split sources of its block. The contacts within range
-    // are listed first, their pair values computed independently of one another (so the
-    // processor overlaps the calls), then added in order: the same operations as the plain
-    // loop on every value and every sum.
-    double energy(const double r[3], Near &nr) const {
-        const std::size_t nb = nr.bx.size(), nc = nr.cx.size();
-        for (std::size_t c = 0; c < nb; c++)
-            nr.bdist[c] = distance(r, nr.bx[c], nr.by[c], nr.bz[c]);
-        for (std::size_t c = 0; c < nc; c++)
-            nr.cdist[c] = distance(r, nr.cx[c], nr.cy[c], nr.cz[c]);
+    // The gathered sources, split by kind (each kind feeds its own sum, so splitting keeps
+    // the order of every sum).
+    void split(Near &nr) const {
+        nr.src.clear();
+        for (int s : nr.idx) {
+            const Term &t = ls_.terms[sterm_[s]];
+            const double x[3] = {sx_[s], sy_[s], sz_[s]};
+            if (t.bonded)
+                nr.src.add_bonded(x, t.occ, *t.pt);
+            else
+                nr.src.add_coulomb(x, t.occ, *t.pt, t.reff, t.shift);
+        }
+    }
 
-        double eb = 0.0, ec = 0.0;
-        std::size_t h = 0;
-        for (std::size_t c = 0; c < nb; c++) {
-            if (nr.bdist[c] > nr.bcut[c]) continue;
-            nr.hd[h] = nr.bdist[c];
-            nr.hc[h++] = static_cast<int>(c);
+    // Energies (eV, capped) of the points whose positions fill nr.px/py/pz[0..count) into
+    // out[0..count).
+    void energies(Near &nr, std::size_t count, double *out) const {
+        quovix_pair_kernel_sum(nr.src, nr.px.data(), nr.py.data(), nr.pz.data(), count,
+                               nr.eb.data(), nr.ec.data());
+        for (std::size_t p = 0; p < count; p++) {
+            out[p] = final_energy(nr.eb[p], nr.ec[p]);
+            if (!near_print_boundary(out[p])) continue;
+            double eb, ec;
+            quovix_pair_kernel_sum_exact(nr.src, &nr.px[p], &nr.py[p], &nr.pz[p], 1, &eb, &ec);
+            out[p] = final_energy(eb, ec);
         }
-        for (std::size_t k = 0; k < h; k++)
-            nr.hval[k] = pair_energy(ls_.terms[nr.bterm[nr.hc[k]]], nr.hd[k]);
-        for (std::size_t k = 0; k < h; k++) eb += nr.bocc[nr.hc[k]] * nr.hval[k];
+    }
 
-        h = 0;
-        for (std::size_t c = 0; c < nc; c++) {
-            if (nr.cdist[c] > COULOMB_RANGE) continue;  // the cut of every Coulomb term
-            nr.hd[h] = nr.cdist[c];
-            nr.hc[h++] = static_cast<int>(c);
-        }
-        for (std::size_t k = 0; k < h; k++) nr.harg[k] = nr.hd[k] / nr.creff[nr.hc[k]];
-        for (std::size_t k = 0; k < h; k++) nr.hval[k] = std::erfc(nr.harg[k]);
-        for (std::size_t k = 0; k < h; k++) {
-            const int c = nr.hc[k];
-            const double d = nr.hd[k];
-            if (d <= nr.crin[c]) {
-                const Term &t = ls_.terms[nr.cterm[c]];
-                nr.hval[k] = quovix_pseudopotential_energy_coulombic(d, t.a2, t.a1, t.a0);
-            } else {
-                // quovix_energy_coulombic's first half, its constant second half stored.
-                nr.hval[k] = nr.cqq[c] * nr.hval[k] / d - nr.cshift[c];
-            }
-        }
-        for (std::size_t k = 0; k < h; k++) ec += nr.cocc[nr.hc[k]] * nr.hval[k];
-        return final_energy(eb, ec);
+    void set_point(Near &nr, std::size_t slot, long i, long j, long k) const {
+        double r[3];
+        grid_position(r, cube_->a_i, i, j, k);
+        nr.px[slot] = r[0];
+        nr.py[slot] = r[1];
+        nr.pz[slot] = r[2];
     }
 
     double single(long i, long j, long k) const {
@@ -635,7 +584,11 @@ class FastFill {
         Near nr;
         gather(nr.idx, r, 0.0);
         split(nr);
-        return energy(r, nr);
+        resize_points(nr, 1);
+        set_point(nr, 0, i, j, k);
+        double e;
+        energies(nr, 1, &e);
+        return e;
     }
 
     // Blocks of about 0.6 A along each axis: small enough that a block's gathered sources
@@ -713,26 +666,29 @@ class FastFill {
         parallel_blocks(blocks, total_, [&](long b, Near &nr) {
             long lo[3], hi[3];
             open_block(b, bsz, nblk, lo, hi, nr);
+            const long count = (hi[0] - lo[0] + 1) * (hi[1] - lo[1] + 1) * (hi[2] - lo[2] + 1);
+            resize_points(nr, count);
+            std::size_t slot = 0;
             for (long i = lo[0]; i <= hi[0]; i++)
                 for (long j = lo[1]; j <= hi[1]; j++)
-                    for (long k = lo[2]; k <= hi[2]; k++) {
-                        double r[3];
-                        grid_position(r, cube_->a_i, i, j, k);
-                        cube_->en[i][j][k] = energy(r, nr);
-                    }
-            return (hi[0] - lo[0] + 1) * (hi[1] - lo[1] + 1) * (hi[2] - lo[2] + 1);
+                    for (long k = lo[2]; k <= hi[2]; k++) set_point(nr, slot++, i, j, k);
+            energies(nr, slot, nr.out.data());
+            slot = 0;
+            for (long i = lo[0]; i <= hi[0]; i++)
+                for (long j = lo[1]; j <= hi[1]; j++)
+                    for (long k = lo[2]; k <= hi[2]; k++) cube_->en[i][j][k] = nr.out[slot++];
+            return count;
         });
     }
 
     // Energies of the listed points (grid order indices) into value[], block by block.
     void compute(const std::vector<long> &reps, std::vector<double> &value) {
-        const long *n = cube_->n;
         long bsz[3], nblk[3];
         block_layout(bsz, nblk);
         const long nb = nblk[0] * nblk[1] * nblk[2];
         auto block_of = [&](long p) {
-            const long i = p / (n[1] * n[2]), j = (p / n[2]) % n[1], k = p % n[2];
-            return ((i / bsz[0]) * nblk[1] + j / bsz[1]) * nblk[2] + k / bsz[2];
+            const auto x = grid_.index(p);
+            return ((x[0] / bsz[0]) * nblk[1] + x[1] / bsz[1]) * nblk[2] + x[2] / bsz[2];
         };
         // Points grouped by block (counting sort, grid order kept within a block).
         std::vector<long> start(static_cast<std::size_t>(nb) + 1, 0);
@@ -751,14 +707,16 @@ class FastFill {
         parallel_blocks(blocks, static_cast<long>(reps.size()), [&](long b, Near &nr) {
             long lo[3], hi[3];
             open_block(b, bsz, nblk, lo, hi, nr);
+            const long count = start[b + 1] - start[b];
+            resize_points(nr, count);
             for (long it = start[b]; it < start[b + 1]; it++) {
-                const long o = items[it];
-                const long p = reps[o];
-                double r[3];
-                grid_position(r, cube_->a_i, p / (n[1] * n[2]), (p / n[2]) % n[1], p % n[2]);
-                value[o] = energy(r, nr);
+                const auto x = grid_.index(reps[items[it]]);
+                set_point(nr, static_cast<std::size_t>(it - start[b]), x[0], x[1], x[2]);
             }
-            return start[b + 1] - start[b];
+            energies(nr, static_cast<std::size_t>(count), nr.out.data());
+            for (long it = start[b]; it < start[b + 1]; it++)
+                value[items[it]] = nr.out[static_cast<std::size_t>(it - start[b])];
+            return count;
         });
     }
 };

@@ -8,13 +8,7 @@
 #include <cmath>
 
 #include "quovix-import.hpp"
-
-namespace {
-
-// Distance at which the Coulomb energy is shifted to zero, whatever cut-off the caller applies.
-constexpr double coulomb_shift_distance = 10.0;
-
-}  // namespace
+#include "quovix-pair.hpp"
 
 /// Morse bonding energy 0.5 d0 [(e - 1)^2 - 1], e = exp((rmin - x) / b): -0.5 d0 at x = rmin,
 /// 0 at infinity (reduced units).
@@ -52,8 +46,13 @@ double quovix_force_bonding_with_force_shift(double x, double d0, double rmin, d
 /// Screened Coulomb energy q erfc(x / r_eff) / x, shifted to zero at 10 A (reduced units;
 /// q is the product of the two fractional charges, r_eff = sf (rc_i + rc_j)).
 double quovix_energy_coulombic(double x, double q, double r_eff) {
-    return q * std::erfc(x / r_eff) / x -
-           q * std::erfc(coulomb_shift_distance / r_eff) / coulomb_shift_distance;
+    return q * std::erfc(x / r_eff) / x - quovix_energy_coulombic_shift(q, r_eff);
+}
+
+/// The shift of the screened Coulomb energy: its unshifted value q erfc(10 / r_eff) / 10 at
+/// 10 A.
+double quovix_energy_coulombic_shift(double q, double r_eff) {
+    return q * std::erfc(QUOVIX_COULOMB_SHIFT_DISTANCE / r_eff) / QUOVIX_COULOMB_SHIFT_DISTANCE;
 }
 
 /// dE/dx of the unshifted screened Coulomb energy:
@@ -71,4 +70,47 @@ double quovix_pseudopotential_energy_bonding(double x, double a2, double a1, dou
 /// Inner Coulomb pseudopotential a2 x^2 + a1 x + a0 (used inside r_cc).
 double quovix_pseudopotential_energy_coulombic(double x, double a2, double a1, double a0) {
     return a2 * x * x + a1 * x + a0;
+}
+
+/// Pair constants of every ordered species pair of `ppt`: screened Coulomb for like charges
+/// (os_i os_j >= 1), shifted Morse for opposite charges from the record stored cation first,
+/// nothing for pairs involving os = 0. False when the set has no species or arrays.
+bool quovix_pair_table_build(quovix_pair_table &table, const QUOVIX_PROPERTY *ppt) {
+    if (!ppt || ppt->total <= 0 || !ppt->uni || !ppt->bin || !ppt->os) return false;
+    const int total = ppt->total;
+    table.total = total;
+    table.terms.assign(static_cast<std::size_t>(total) * static_cast<std::size_t>(total), {});
+    for (int i = 0; i < total; ++i) {
+        for (int j = 0; j < total; ++j) {
+            quovix_pair_term &t =
+                table.terms[static_cast<std::size_t>(i) * static_cast<std::size_t>(total) +
+                            static_cast<std::size_t>(j)];
+            const long prod = static_cast<long>(ppt->os[i]) * ppt->os[j];
+            if (prod == 0) continue;
+            // Bonded records are stored cation first; a like-charged pair reads the same
+            // orientation, its pseudopotential being symmetric in i and j.
+            const QUOVIX_PROPERTY_BINARY &bin = ppt->os[i] > 0 ? ppt->bin[i][j] : ppt->bin[j][i];
+            t.a0 = bin.a0;
+            t.a1 = bin.a1;
+            t.a2 = bin.a2;
+            if (prod >= 1) {
+                t.kind = quovix_pair_kind::coulomb;
+                t.q = ppt->uni[i].q * ppt->uni[j].q;
+                t.rcs = ppt->uni[i].rc + ppt->uni[j].rc;
+                t.r_in = bin.r_cc;
+            } else {
+                t.kind = quovix_pair_kind::bonding;
+                t.cutoff = bin.cutoff;
+                t.d0 = bin.d0;
+                t.rmin = bin.rmin;
+                t.b = bin.b;
+                t.en_s = bin.en_s;
+                t.f_s = bin.f_s;
+                t.r0 = bin.r0;
+                t.s_cut = std::exp((bin.r0 - bin.cutoff) / bin.b);
+                t.r_in = bin.r_bc;
+            }
+        }
+    }
+    return true;
 }

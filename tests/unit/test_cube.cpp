@@ -401,6 +401,27 @@ quovix_cube_ptr landscape(Structure &s, double res, bool ignore, bool plain, int
     return cube;
 }
 
+// Largest |a - b| over the grid, and the number of points printed differently in the cube
+// file's " %12.6f".
+struct Comparison {
+    double max_diff = 0.0;
+    long printed = 0;
+};
+Comparison compare(const QUOVIX_CUBE *a, const QUOVIX_CUBE *b) {
+    Comparison c;
+    char x[64], y[64];
+    for (long i = 0; i < a->n[0]; i++)
+        for (long j = 0; j < a->n[1]; j++)
+            for (long k = 0; k < a->n[2]; k++) {
+                const double u = a->en[i][j][k], v = b->en[i][j][k];
+                c.max_diff = std::max(c.max_diff, std::fabs(u - v));
+                std::snprintf(x, sizeof x, " %12.6f", u);
+                std::snprintf(y, sizeof y, " %12.6f", v);
+                c.printed += std::strcmp(x, y) != 0;
+            }
+    return c;
+}
+
 // Number of grid points whose values differ in any bit.
 long differing(const QUOVIX_CUBE *a, const QUOVIX_CUBE *b) {
     long count = 0;
@@ -412,10 +433,10 @@ long differing(const QUOVIX_CUBE *a, const QUOVIX_CUBE *b) {
 
 }  // namespace
 
-// The shipped loop must give the reference loop's value at every point, bit for bit, with
-// and without symmetry (P1, 16, 36 and 192 operations), with partial occupancies, for a
-// mobile anion, and for any number of threads.
-TEST(CubeCalculate, FastEqualsPlainBitForBitOnRealStructures) {
+// The shipped loop must give the reference loop's value at every point within 1e-9 eV and
+// print it identically, with and without symmetry (P1, 16, 36 and 192 operations), with
+// partial occupancies, for a mobile anion; and the same doubles for any number of threads.
+TEST(CubeCalculate, FastMatchesPlainOnRealStructures) {
     struct Case {
         const char *file, *type;
         int os;
@@ -442,16 +463,21 @@ TEST(CubeCalculate, FastEqualsPlainBitForBitOnRealStructures) {
                     hi = std::max(hi, ref->en[i][j][k]);
                 }
         EXPECT_GT(hi - lo, 5.0) << c.file;  // a real landscape: wells and walls
-        for (int threads : {1, 2, 3}) {
+        quovix_cube_ptr one = landscape(s, c.res, c.ignore, false, 1);
+        ASSERT_TRUE(one) << c.file;
+        const Comparison cmp = compare(ref.get(), one.get());
+        EXPECT_LE(cmp.max_diff, 1e-9) << c.file;
+        EXPECT_EQ(cmp.printed, 0) << c.file;
+        for (int threads : {2, 3}) {
             quovix_cube_ptr fast = landscape(s, c.res, c.ignore, false, threads);
             ASSERT_TRUE(fast) << c.file;
-            EXPECT_EQ(differing(ref.get(), fast.get()), 0) << c.file << " threads " << threads;
+            EXPECT_EQ(differing(one.get(), fast.get()), 0) << c.file << " threads " << threads;
         }
     }
 }
 
 // Points whose energy is exactly 0 (farther than every cut-off from all atoms) are computed
-// again when the plain loop visits them; the fast loop must replay that, value for value.
+// again when the plain loop visits them; the fast loop must replay that, point for point.
 TEST(CubeCalculate, ZeroRegionsReplayedLikePlain) {
     Structure s;
     s.cell = test_import::species_cell(
@@ -473,7 +499,9 @@ TEST(CubeCalculate, ZeroRegionsReplayedLikePlain) {
         for (long j = 0; j < ref->n[1]; j++)
             for (long k = 0; k < ref->n[2]; k++) zeros += ref->en[i][j][k] == 0.0;
     EXPECT_GT(zeros, 100);
-    EXPECT_EQ(differing(ref.get(), fast.get()), 0);
+    const Comparison cmp = compare(ref.get(), fast.get());
+    EXPECT_LE(cmp.max_diff, 1e-9);
+    EXPECT_EQ(cmp.printed, 0);
 }
 
 TEST(CubeCalculate, IgnoredIonsMessagesAndCap) {
