@@ -74,7 +74,9 @@ inline vd splat(double x) { return _mm_set1_pd(x); }
 inline vd vsqrt(vd x) { return _mm_sqrt_pd(x); }
 inline vd vexp(vd x) { return _ZGVbN2v_exp(x); }
 inline vd verfc(vd x) { return _ZGVbN2v_erfc(x); }
-inline unsigned le_mask(vd a, vd b) { return static_cast<unsigned>(_mm_movemask_pd(_mm_cmple_pd(a, b))); }
+inline unsigned le_mask(vd a, vd b) {
+    return static_cast<unsigned>(_mm_movemask_pd(_mm_cmple_pd(a, b)));
+}
 inline vd select_le(vd a, vd b, vd yes, vd no) {
     const vd m = _mm_cmple_pd(a, b);
     return _mm_or_pd(_mm_and_pd(m, yes), _mm_andnot_pd(m, no));
@@ -133,9 +135,9 @@ void group_sum(const quovix_pair_sources &s, const double *px, const double *py,
 }  // namespace
 
 void quovix_pair_sources::clear() {
-    for (auto *v : {&bx, &by, &bz, &bocc, &bcut, &brin, &ba0, &ba1, &ba2, &bd0, &brmin, &bb, &bens,
-                    &bbinv, &cx, &cy, &cz, &cocc, &crin, &ca0, &ca1, &ca2, &cq, &creff, &cshift,
-                    &creffinv})
+    for (auto *v : {&bx,   &by,    &bz,  &bocc, &bcut,  &brin,  &ba0,    &ba1,     &ba2,
+                    &bd0,  &brmin, &bb,  &bens, &bbinv, &cx,    &cy,     &cz,      &cocc,
+                    &crin, &ca0,   &ca1, &ca2,  &cq,    &creff, &cshift, &creffinv})
         v->clear();
 }
 
@@ -177,7 +179,8 @@ void quovix_pair_sources::add_coulomb(const double x[3], double occ, const quovi
 void quovix_pair_kernel_sum(const quovix_pair_sources &src, const double *px, const double *py,
                             const double *pz, std::size_t n, double *bond, double *coulomb) {
     std::size_t p = 0;
-    for (; p + lanes <= n; p += lanes) group_sum(src, px + p, py + p, pz + p, bond + p, coulomb + p);
+    for (; p + lanes <= n; p += lanes)
+        group_sum(src, px + p, py + p, pz + p, bond + p, coulomb + p);
     if (p == n) return;
     double gx[lanes], gy[lanes], gz[lanes], gb[lanes], gc[lanes];
     for (std::size_t l = 0; l < lanes; ++l) {
@@ -194,20 +197,18 @@ void quovix_pair_kernel_sum(const quovix_pair_sources &src, const double *px, co
 }
 
 /// Scalar sums with the plain loops' operations, point by point.
-void quovix_pair_kernel_sum_exact(const quovix_pair_sources &s, const double *px,
-                                  const double *py, const double *pz, std::size_t n, double *bond,
-                                  double *coulomb) {
+void quovix_pair_kernel_sum_exact(const quovix_pair_sources &s, const double *px, const double *py,
+                                  const double *pz, std::size_t n, double *bond, double *coulomb) {
     for (std::size_t p = 0; p < n; ++p) {
         double eb = 0.0, ec = 0.0;
         for (std::size_t k = 0; k < s.bx.size(); ++k) {
             const double dx = s.bx[k] - px[p], dy = s.by[k] - py[p], dz = s.bz[k] - pz[p];
             const double d = std::sqrt(dx * dx + dy * dy + dz * dz);
             if (d > s.bcut[k]) continue;
-            eb += s.bocc[k] *
-                  (d <= s.brin[k]
-                       ? quovix_pseudopotential_energy_bonding(d, s.ba2[k], s.ba1[k], s.ba0[k])
-                       : quovix_energy_bonding_with_energy_shift(d, s.bd0[k], s.brmin[k], s.bb[k],
-                                                                 s.bens[k]));
+            eb += s.bocc[k] * (d <= s.brin[k] ? quovix_pseudopotential_energy_bonding(
+                                                    d, s.ba2[k], s.ba1[k], s.ba0[k])
+                                              : quovix_energy_bonding_with_energy_shift(
+                                                    d, s.bd0[k], s.brmin[k], s.bb[k], s.bens[k]));
         }
         for (std::size_t k = 0; k < s.cx.size(); ++k) {
             const double dx = s.cx[k] - px[p], dy = s.cy[k] - py[p], dz = s.cz[k] - pz[p];

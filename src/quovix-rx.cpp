@@ -23,12 +23,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "quovix-images.hpp"
 #include "quovix-import.hpp"
+#include "quovix-pair.hpp"
 
 namespace {
 
@@ -40,7 +42,7 @@ constexpr double sf_lower = 0.55, sf_upper = 1.0;
 constexpr int max_fit_iterations = 100;
 constexpr double fit_tolerance = 0.001 * 0.5;
 // Above this estimated number of Coulomb contacts the fit does not keep contact lists in
-// memory (about 16 bytes each) and evaluates the energy directly instead.
+// memory (about 24 bytes each) and evaluates the energy directly instead.
 constexpr double max_cached_contacts = 2.0e7;
 
 using quovix_images::frame;
@@ -77,42 +79,22 @@ double energy_range(const QUOVIX_PROPERTY *ppt) {
     return true;
 }
 
-enum class term_kind { none, coulomb, bonding };
+using term_kind = quovix_pair_kind;
 
-// Interaction of one ordered species pair.
-struct pair_term {
-    term_kind kind = term_kind::none;
-    double range = 0.0;                                // a contact counts when d <= range
-    double q = 0.0, rcs = 0.0;                         // Coulomb: q_i q_j, rc_i + rc_j
-    double d0 = 0.0, rmin = 0.0, b = 0.0, en_s = 0.0;  // bonding (cation-anion record)
-    double r0 = 0.0, s_cut = 0.0;  // embedding density: r0 and exp((r0 - cutoff) / b)
+// A term of the shared pair table with the range this sum gives it: the pair's cut-off for a
+// bond, the search radius for a like-charged pair.
+struct pair_term : quovix_pair_term {
+    double range = 0.0;  // a contact counts when d <= range
 };
 
 std::vector<pair_term> pair_table(const QUOVIX_PROPERTY *ppt, double range) {
-    const int total = ppt->total;
-    std::vector<pair_term> table(static_cast<std::size_t>(total) * total);
-    for (int i = 0; i < total; ++i) {
-        for (int j = 0; j < total; ++j) {
-            pair_term &t = table[static_cast<std::size_t>(i) * total + j];
-            const long prod = static_cast<long>(ppt->os[i]) * ppt->os[j];
-            if (prod >= 1) {
-                t.kind = term_kind::coulomb;
-                t.range = range;
-                t.q = ppt->uni[i].q * ppt->uni[j].q;
-                t.rcs = ppt->uni[i].rc + ppt->uni[j].rc;
-            } else if (prod < 0) {
-                const QUOVIX_PROPERTY_BINARY &bin =
-                    ppt->os[i] > 0 ? ppt->bin[i][j] : ppt->bin[j][i];
-                t.kind = term_kind::bonding;
-                t.range = bin.cutoff;
-                t.d0 = bin.d0;
-                t.rmin = bin.rmin;
-                t.b = bin.b;
-                t.en_s = bin.en_s;
-                t.r0 = bin.r0;
-                t.s_cut = std::exp((bin.r0 - bin.cutoff) / bin.b);
-            }
-        }
+    quovix_pair_table shared;
+    if (!quovix_pair_table_build(shared, ppt)) return {};
+    std::vector<pair_term> table(shared.terms.size());
+    for (std::size_t k = 0; k < table.size(); ++k) {
+        static_cast<quovix_pair_term &>(table[k]) = shared.terms[k];
+        if (table[k].kind == term_kind::coulomb) table[k].range = range;
+        if (table[k].kind == term_kind::bonding) table[k].range = table[k].cutoff;
     }
     return table;
 }
@@ -127,7 +109,9 @@ inline double coulomb_energy(double x, double q, double r_eff, double shift) {
     return (t > 6.0 ? 0.0 : q * std::erfc(t) / x) - shift;
 }
 
-inline double coulomb_shift(double q, double r_eff) { return q * std::erfc(10.0 / r_eff) / 10.0; }
+inline double coulomb_shift(double q, double r_eff) {
+    return quovix_energy_coulombic_shift(q, r_eff);
+}
 
 // Energy of one contact; `shift` is the pair's Coulomb shift at the current sf.
 inline double term_energy(const pair_term &t, double d, double sf, double shift) {
@@ -383,117 +367,157 @@ double pair_energy_sum(const QUOVIX_CELL *cell, const pair_setup &s, double sf) 
 
 // ---------------------------------------------------------------------------------------------
 // Contact lists for the screening-factor fit: the geometry of the six strained cells does not
-// change between iterations, only sf does, which enters the Coulomb terms alone. Each cell's
-// bonding energy is summed once; its Coulomb contacts are kept per pair of species, sorted by
-// distance with their total weight, so that an iteration evaluates erfc only for the contacts
-// with d / r_eff <= 6 and adds the shift of all the others at once (see coulomb_energy).
+// change between iterations, only sf does, which enters the Coulomb terms alone. The bonding
+// energy of every atom is summed once; its Coulomb contacts are kept per partner species,
+// sorted by distance, with the total weight of each list's tail, so that an iteration
+// evaluates erfc only for the contacts with d / r_eff <= 6 and subtracts the shift of the
+// others at once (see coulomb_energy).
+// Everything is kept per atom, and the atoms of the six cells form one list of independent
+// work items: one parallel loop builds and sorts all lists, and one parallel loop per
+// iteration gives every atom's energy in all six cells, each item summed by one thread in a
+// fixed order, the items then added in atom order. Nothing of the fit runs on one core
+// only, and each iteration meets the other threads once.
 // ---------------------------------------------------------------------------------------------
+struct atom_contacts {
+    double bond = 0.0;                 // bonding energy of the atom's contacts (reduced units)
+    std::vector<double> d, w;          // Coulomb contacts grouped by partner species, by d
+    std::vector<double> tail;          // tail[c]: total weight of contacts c.. of its group
+    std::vector<std::uint32_t> start;  // first contact of each partner species; total + 1
+};
+
+struct fit_models {
+    std::vector<pair_setup> setups;                 // one per strained cell
+    std::vector<std::vector<atom_contacts>> atoms;  // [cell][atom]
+    std::vector<long> first;                        // first work item of each cell; cells + 1
+    std::size_t cell_of(long item) const {
+        return static_cast<std::size_t>(std::upper_bound(first.begin(), first.end(), item) -
+                                        first.begin() - 1);
+    }
+};
+
 struct coulomb_contact {
     double d;
     double w;  // occ_i occ_j
 };
 
-struct contact_model {
-    double bond = 0.0;                                // bonding energy (reduced units)
-    std::vector<std::vector<coulomb_contact>> pairs;  // Coulomb contacts per pair term
-    std::vector<double> weight;                       // total weight per pair term
-    std::vector<pair_term> table;
-};
+// The contact lists of atom i of a cell; `scratch` is the calling thread's work space.
+void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, atom_contacts &out,
+                         std::vector<std::vector<coulomb_contact>> &scratch) {
+    if (cell->atom[i].ignored) return;
+    const double occ_i = cell->atom[i].occ;
+    scratch.resize(static_cast<std::size_t>(s.total));
+    for (auto &list : scratch) list.clear();
+    double e = 0.0;
+    for_each_contact(cell, s, i, [&](long j, const pair_term &t, double d, const double *) {
+        const double w = occ_i * cell->atom[j].occ;
+        if (t.kind == term_kind::coulomb) {
+            scratch[static_cast<std::size_t>(s.sp[j])].push_back({d, w});
+        } else {
+            e += w * term_energy(t, d, 0.0, 0.0);
+        }
+    });
+    out.bond = e;
+    out.start.assign(1, 0);
+    for (auto &list : scratch) {
+        std::stable_sort(
+            list.begin(), list.end(),
+            [](const coulomb_contact &x, const coulomb_contact &y) { return x.d < y.d; });
+        for (const coulomb_contact &c : list) {
+            out.d.push_back(c.d);
+            out.w.push_back(c.w);
+        }
+        out.start.push_back(static_cast<std::uint32_t>(out.d.size()));
+    }
+    out.tail.assign(out.d.size(), 0.0);
+    for (std::size_t g = 0; g + 1 < out.start.size(); ++g) {
+        double sum = 0.0;
+        for (std::uint32_t c = out.start[g + 1]; c > out.start[g]; --c) {
+            sum += out.w[c - 1];
+            out.tail[c - 1] = sum;
+        }
+    }
+}
 
-[[nodiscard]] bool build_contact_model(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, contact_model &m) {
-    pair_setup s;
-    if (!make_setup(cell, ppt, s)) return false;
-    const long n = cell->total;
-    const std::size_t terms = s.table.size();
-    std::vector<double> bond(static_cast<std::size_t>(n), 0.0);
-    std::vector<std::vector<std::vector<coulomb_contact>>> lists(static_cast<std::size_t>(n));
+[[nodiscard]] bool build_fit_models(const std::vector<quovix_cell_ptr> &copies,
+                                    QUOVIX_PROPERTY *ppt, fit_models &fm) {
+    const std::size_t cells = copies.size();
+    fm.setups.resize(cells);
+    fm.atoms.resize(cells);
+    fm.first.assign(1, 0);
+    for (std::size_t c = 0; c < cells; ++c) {
+        if (!make_setup(copies[c].get(), ppt, fm.setups[c])) return false;
+        fm.atoms[c].resize(static_cast<std::size_t>(std::max(copies[c]->total, 0L)));
+        fm.first.push_back(fm.first.back() + static_cast<long>(fm.atoms[c].size()));
+    }
+    const long items = fm.first.back();
     bool ok = true;
-#pragma omp parallel for schedule(dynamic, 4)
-    for (long i = 0; i < n; ++i) {
-        if (cell->atom[i].ignored) continue;
-        try {
-            const double occ_i = cell->atom[i].occ;
-            double e = 0.0;
-            std::vector<std::vector<coulomb_contact>> &list = lists[i];
-            list.resize(terms);
-            for_each_contact(cell, s, i, [&](long j, const pair_term &t, double d, const double *) {
-                const double w = occ_i * cell->atom[j].occ;
-                if (t.kind == term_kind::coulomb) {
-                    list[static_cast<std::size_t>(&t - s.table.data())].push_back({d, w});
-                } else {
-                    e += w * term_energy(t, d, 0.0, 0.0);
-                }
-            });
-            bond[i] = e;
-        } catch (...) {
+#pragma omp parallel
+    {
+        std::vector<std::vector<coulomb_contact>> scratch;
+#pragma omp for schedule(dynamic, 4)
+        for (long it = 0; it < items; ++it) {
+            const std::size_t c = fm.cell_of(it);
+            const long i = it - fm.first[c];
+            try {
+                build_atom_contacts(copies[c].get(), fm.setups[c], i,
+                                    fm.atoms[c][static_cast<std::size_t>(i)], scratch);
+            } catch (...) {
 #pragma omp atomic write
-            ok = false;
+                ok = false;
+            }
         }
     }
     if (!ok) {
         std::fputs("Error: unable to allocate contact lists.\n", stderr);
         return false;
     }
-    m.table = s.table;
-    m.bond = 0.0;
-    for (long i = 0; i < n; ++i) m.bond += bond[i];
-    m.pairs.assign(terms, {});
-    m.weight.assign(terms, 0.0);
-    for (std::size_t p = 0; p < terms; ++p) {
-        std::vector<coulomb_contact> &all = m.pairs[p];
-        for (long i = 0; i < n; ++i) {
-            if (lists[i].empty()) continue;
-            all.insert(all.end(), lists[i][p].begin(), lists[i][p].end());
-            lists[i][p] = {};
-        }
-        std::stable_sort(
-            all.begin(), all.end(),
-            [](const coulomb_contact &x, const coulomb_contact &y) { return x.d < y.d; });
-        for (const coulomb_contact &c : all) m.weight[p] += c.w;
-    }
     return true;
 }
 
-double contact_model_energy(const contact_model &m, double sf) {
-    const std::vector<double> shift = coulomb_shifts(m.table, sf);
-    // Fixed blocks of screened contacts, each summed by one thread, added in order.
-    constexpr std::size_t block = 2048;
-    struct span {
-        std::size_t p, begin, end;
-    };
-    std::vector<span> spans;
-    double sum = m.bond;
-    for (std::size_t p = 0; p < m.pairs.size(); ++p) {
-        const std::vector<coulomb_contact> &all = m.pairs[p];
-        if (all.empty()) continue;
-        const pair_term &t = m.table[p];
+// Energy (reduced units) of one atom's contacts at screening factor sf.
+double atom_energy(const atom_contacts &a, const pair_term *terms, const double *shift, double sf) {
+    double e = a.bond;
+    for (std::size_t g = 0; g + 1 < a.start.size(); ++g) {
+        const std::uint32_t begin = a.start[g], end = a.start[g + 1];
+        if (begin == end) continue;
+        const pair_term &t = terms[g];
         const double r_eff = sf * t.rcs;
         // Contacts beyond d / r_eff = 6 carry only the shift.
-        const auto screened = std::partition_point(
-            all.begin(), all.end(),
-            [r_eff](const coulomb_contact &c) { return !(c.d / r_eff > 6.0); });
-        const auto count = static_cast<std::size_t>(screened - all.begin());
-        for (std::size_t b = 0; b < count; b += block)
-            spans.push_back({p, b, std::min(count, b + block)});
-        double far = 0.0;
-        for (auto it = screened; it != all.end(); ++it) far += it->w;
-        sum -= far * shift[p];
+        const double *cut = std::partition_point(&a.d[begin], &a.d[begin] + (end - begin),
+                                                 [r_eff](double d) { return !(d / r_eff > 6.0); });
+        const auto screened = static_cast<std::uint32_t>(cut - a.d.data());
+        for (std::uint32_t c = begin; c < screened; ++c)
+            e += a.w[c] * coulomb_energy(a.d[c], t.q, r_eff, shift[g]);
+        if (screened < end) e -= a.tail[screened] * shift[g];
     }
-    std::vector<double> partial(spans.size(), 0.0);
-#pragma omp parallel for schedule(dynamic, 1)
-    for (std::size_t k = 0; k < spans.size(); ++k) {
-        const span &sp = spans[k];
-        const pair_term &t = m.table[sp.p];
-        const double r_eff = sf * t.rcs;
-        double e = 0.0;
-        for (std::size_t c = sp.begin; c < sp.end; ++c) {
-            const coulomb_contact &cc = m.pairs[sp.p][c];
-            e += cc.w * coulomb_energy(cc.d, t.q, r_eff, shift[sp.p]);
-        }
-        partial[k] = e;
+    return e;
+}
+
+// Energies (eV) of the six strained cells at screening factor sf.
+void fit_energies(const fit_models &fm, const std::vector<quovix_cell_ptr> &copies, double sf,
+                  std::vector<double> &energy) {
+    const long items = fm.first.back();
+    std::vector<double> partial(static_cast<std::size_t>(items), 0.0);
+    // The pair table is the same for every cell; the shifts of species i's row are those of
+    // its terms (i, j).
+    const pair_setup &s0 = fm.setups.front();
+    const std::vector<double> shift_all = coulomb_shifts(s0.table, sf);
+#pragma omp parallel for schedule(dynamic, 8)
+    for (long it = 0; it < items; ++it) {
+        const std::size_t c = fm.cell_of(it);
+        const auto i = static_cast<std::size_t>(it - fm.first[c]);
+        const atom_contacts &a = fm.atoms[c][i];
+        if (a.start.empty()) continue;  // ignored atom
+        const std::size_t row = static_cast<std::size_t>(fm.setups[c].sp[i]) * s0.total;
+        partial[static_cast<std::size_t>(it)] = atom_energy(a, &s0.table[row], &shift_all[row], sf);
     }
-    for (double e : partial) sum += e;
-    return sum * QUOVIX_COULOMB_HALF;
+    energy.assign(copies.size(), 0.0);
+    for (std::size_t c = 0; c < copies.size(); ++c) {
+        double sum = 0.0;
+        for (long it = fm.first[c]; it < fm.first[c + 1]; ++it)
+            sum += partial[static_cast<std::size_t>(it)];
+        energy[c] = sum * QUOVIX_COULOMB_HALF;
+    }
 }
 
 // Rough number of Coulomb contacts of a cell: atoms x atoms inside the search sphere.
@@ -527,16 +551,18 @@ double estimated_contacts(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt) {
 }
 
 // Mean diagonal stress of the fit from the cached contact lists; false when an energy is 0.
-[[nodiscard]] bool model_pressure(const std::vector<contact_model> &models, double volume,
-                                  double sf, double &p) {
+[[nodiscard]] bool model_pressure(const fit_models &fm, const std::vector<quovix_cell_ptr> &copies,
+                                  double volume, double sf, double &p) {
+    std::vector<double> energy;
+    fit_energies(fm, copies, sf, energy);
     double stress[3];
     for (int k = 0; k < 3; ++k) {
-        const double lo = contact_model_energy(models[2 * k], sf);
+        const double lo = energy[static_cast<std::size_t>(2 * k)];
         if (lo == 0.0) {
             std::fputs("Error: quovix_cell_calculate_total_energy() returns 0.00.\n", stderr);
             return false;
         }
-        const double hi = contact_model_energy(models[2 * k + 1], sf);
+        const double hi = energy[static_cast<std::size_t>(2 * k + 1)];
         if (hi == 0.0) {
             std::fputs("Error: quovix_cell_calculate_total_energy() returns 0.00.\n", stderr);
             return false;
@@ -755,18 +781,15 @@ int quovix_property_calculate_screening_factor(QUOVIX_PROPERTY *ppt, QUOVIX_CELL
     }
     const int status = quovix_guard("screening-factor fit", [&]() -> int {
         const double volume = quovix_cell_calculate_volume(cell);
-        std::vector<contact_model> models;
+        fit_models models;
+        std::vector<quovix_cell_ptr> copies;
         const bool cached = estimated_contacts(cell, ppt) * 6.0 <= max_cached_contacts;
         if (cached) {
-            std::vector<quovix_cell_ptr> copies;
             if (!strained_copies(cell, copies)) return -1;
-            models.resize(copies.size());
-            for (std::size_t c = 0; c < copies.size(); ++c) {
-                if (!build_contact_model(copies[c].get(), ppt, models[c])) return -1;
-            }
+            if (!build_fit_models(copies, ppt, models)) return -1;
         }
         auto pressure = [&](double sf, double &p) {
-            return cached ? model_pressure(models, volume, sf, p)
+            return cached ? model_pressure(models, copies, volume, sf, p)
                           : direct_pressure(cell, ppt, sf, p);
         };
 
