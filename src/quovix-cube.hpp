@@ -30,10 +30,16 @@ void quovix_cube_fprint_info(std::FILE *out, QUOVIX_CUBE *cube);
 /// resolution (A). 0 on success, 1 for non-positive input.
 int quovix_cube_grid_size(long n[3], const double length[3], double resolution);
 /// Reference landscape (every point, atom and translation); same contract as
-/// quovix_cube_calculate, which must reproduce its values exactly.
+/// quovix_cube_calculate, which reproduces its values within 1e-9 eV and its six printed
+/// decimals exactly.
 QUOVIX_CUBE *quovix_cube_calculate_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
                                          QUOVIX_PROPERTY *ppt, double resolution,
                                          bool ignore_conducting);
+/// The shipped landscape with scalar exp/erfc (no vector kernel): quovix_cube_calculate_plain's
+/// values bit for bit, with the fast loop's binning, symmetry and threads.
+QUOVIX_CUBE *quovix_cube_calculate_scalar(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
+                                          QUOVIX_PROPERTY *ppt, double resolution,
+                                          bool ignore_conducting);
 /// Parameter set with the mobile species + landscape; *ppt receives the set (caller frees).
 QUOVIX_CUBE *quovix_cube_calculate_from_cell(QUOVIX_PROPERTY **ppt, QUOVIX_CELL *cell,
                                              QUOVIX_SYMMETRY *symmetry, const char *type, int os,

@@ -390,13 +390,17 @@ Structure load(const char *file, const char *type, int os, double sf) {
     return s;
 }
 
-quovix_cube_ptr landscape(Structure &s, double res, bool ignore, bool plain, int threads = 2) {
+enum class Loop { plain, scalar, vector };
+
+quovix_cube_ptr landscape(Structure &s, double res, bool ignore, Loop loop, int threads = 2) {
     omp_set_num_threads(threads);
     testing::internal::CaptureStdout();
-    quovix_cube_ptr cube{
-        plain
-            ? quovix_cube_calculate_plain(s.cell.get(), s.symmetry.get(), s.ppt.get(), res, ignore)
-            : quovix_cube_calculate(s.cell.get(), s.symmetry.get(), s.ppt.get(), res, ignore)};
+    QUOVIX_CELL *c = s.cell.get();
+    QUOVIX_SYMMETRY *y = s.symmetry.get();
+    QUOVIX_PROPERTY *p = s.ppt.get();
+    quovix_cube_ptr cube{loop == Loop::plain    ? quovix_cube_calculate_plain(c, y, p, res, ignore)
+                         : loop == Loop::scalar ? quovix_cube_calculate_scalar(c, y, p, res, ignore)
+                                                : quovix_cube_calculate(c, y, p, res, ignore)};
     testing::internal::GetCapturedStdout();
     return cube;
 }
@@ -453,7 +457,7 @@ TEST(CubeCalculate, FastMatchesPlainOnRealStructures) {
     for (const Case &c : cases) {
         Structure s = load(c.file, c.type, c.os, 0.8);
         ASSERT_TRUE(s.ppt) << c.file;
-        quovix_cube_ptr ref = landscape(s, c.res, c.ignore, true);
+        quovix_cube_ptr ref = landscape(s, c.res, c.ignore, Loop::plain);
         ASSERT_TRUE(ref) << c.file;
         double lo = 1e300, hi = -1e300;
         for (long i = 0; i < ref->n[0]; i++)
@@ -463,13 +467,17 @@ TEST(CubeCalculate, FastMatchesPlainOnRealStructures) {
                     hi = std::max(hi, ref->en[i][j][k]);
                 }
         EXPECT_GT(hi - lo, 5.0) << c.file;  // a real landscape: wells and walls
-        quovix_cube_ptr one = landscape(s, c.res, c.ignore, false, 1);
+        // The binned, threaded loop with scalar functions: the plain doubles.
+        quovix_cube_ptr scalar = landscape(s, c.res, c.ignore, Loop::scalar, 3);
+        ASSERT_TRUE(scalar) << c.file;
+        EXPECT_EQ(differing(ref.get(), scalar.get()), 0) << c.file;
+        quovix_cube_ptr one = landscape(s, c.res, c.ignore, Loop::vector, 1);
         ASSERT_TRUE(one) << c.file;
         const Comparison cmp = compare(ref.get(), one.get());
         EXPECT_LE(cmp.max_diff, 1e-9) << c.file;
         EXPECT_EQ(cmp.printed, 0) << c.file;
         for (int threads : {2, 3}) {
-            quovix_cube_ptr fast = landscape(s, c.res, c.ignore, false, threads);
+            quovix_cube_ptr fast = landscape(s, c.res, c.ignore, Loop::vector, threads);
             ASSERT_TRUE(fast) << c.file;
             EXPECT_EQ(differing(one.get(), fast.get()), 0) << c.file << " threads " << threads;
         }
@@ -491,8 +499,8 @@ TEST(CubeCalculate, ZeroRegionsReplayedLikePlain) {
                                                      kBinary.c_str()));
     });
     ASSERT_TRUE(s.ppt);
-    quovix_cube_ptr ref = landscape(s, 1.0, true, true);
-    quovix_cube_ptr fast = landscape(s, 1.0, true, false);
+    quovix_cube_ptr ref = landscape(s, 1.0, true, Loop::plain);
+    quovix_cube_ptr fast = landscape(s, 1.0, true, Loop::vector);
     ASSERT_TRUE(ref && fast);
     long zeros = 0;
     for (long i = 0; i < ref->n[0]; i++)
@@ -543,7 +551,7 @@ TEST(CubeCalculate, IgnoredIonsMessagesAndCap) {
     const int fe = s.ppt->conducting == li ? quovix_property_find_index(s.ppt.get(), "Fe", 3) : -1;
     ASSERT_GE(fe, 0);
     s.ppt->bin[li][fe].a0 = 1000.0;
-    quovix_cube_ptr capped = landscape(s, 0.8, true, false);
+    quovix_cube_ptr capped = landscape(s, 0.8, true, Loop::vector);
     ASSERT_TRUE(capped);
     long at_cap = 0;
     double top = 0.0;
