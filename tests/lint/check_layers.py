@@ -17,7 +17,7 @@ LAYERS = [
     ("records and algebra", ["quovix-alloc", "quovix-ds", "quovix-la"]),
     ("CIF text", ["quovix-import-text"]),
     ("symmetry", ["quovix-import-sym"]),
-    ("pair functions", ["quovix-import-pair"]),
+    ("pair functions", ["quovix-import-pair", "quovix-pair-*"]),
     ("parameter tables", ["quovix-import-ppt"]),
     ("cell", ["quovix-import-cell"]),
     ("CIF reader", ["quovix-import-cif"]),
