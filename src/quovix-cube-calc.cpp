@@ -34,6 +34,8 @@ constexpr double COULOMB_RANGE = QUOVIX_COULOMB_SHIFT_DISTANCE;
 constexpr double ENERGY_CAP = 999.9;
 // A grid value this close to 0 counts as "not computed yet".
 constexpr double UNSET = 1e-7;
+// Edge of the blocks of grid points that share one gathering of nearby sources (A).
+constexpr double BLOCK_EDGE = 0.9;
 // Refuse lattice searches with more images per atom than this (degenerate lattices).
 constexpr long MAX_IMAGES = 1000000;
 
@@ -521,16 +523,32 @@ class FastFill {
             lo[c] = bin_index(center[c] - reach, c);
             hi[c] = bin_index(center[c] + reach, c);
         }
-        for (long bx = lo[0]; bx <= hi[0]; bx++)
-            for (long by = lo[1]; by <= hi[1]; by++)
+        // Distance along axis c from the centre to bin b's slab (0 inside): bins whose box lies
+        // beyond the reach are skipped whole. Every source lies inside its bin's box.
+        auto gap = [&](long bin, int c) {
+            const double lo_edge = bin_origin_[c] + static_cast<double>(bin) * bin_size_;
+            return std::max({0.0, lo_edge - center[c], center[c] - (lo_edge + bin_size_)});
+        };
+        const double reach2 = reach * reach;
+        for (long bx = lo[0]; bx <= hi[0]; bx++) {
+            const double gx = gap(bx, 0);
+            for (long by = lo[1]; by <= hi[1]; by++) {
+                const double gy = gap(by, 1);
+                if (gx * gx + gy * gy > reach2) continue;
                 for (long bz = lo[2]; bz <= hi[2]; bz++) {
+                    const double gz = gap(bz, 2);
+                    if (gx * gx + gy * gy + gz * gz > reach2) continue;
                     const long b = (bx * nbin_[1] + by) * nbin_[2] + bz;
                     for (long q = bin_start_[b]; q < bin_start_[b + 1]; q++) {
                         const int s = bin_items_[q];
-                        const double d = distance(center, sx_[s], sy_[s], sz_[s]);
-                        if (d <= radius + scut_[s] + 1e-6) out.push_back(s);
+                        const double dx = sx_[s] - center[0], dy = sy_[s] - center[1],
+                                     dz = sz_[s] - center[2];
+                        const double r = radius + scut_[s] + 1e-6;
+                        if (dx * dx + dy * dy + dz * dz <= r * r) out.push_back(s);
                     }
                 }
+            }
+        }
         std::sort(out.begin(), out.end());
     }
 
@@ -601,7 +619,7 @@ class FastFill {
         return e;
     }
 
-    // Blocks of about 0.6 A along each axis: small enough that a block's gathered sources
+    // Blocks of about 0.9 A along each axis: small enough that a block's gathered sources
     // are few more than a point's, large enough to share the gathering among many points.
     void block_layout(long bsz[3], long nblk[3]) const {
         const long *n = cube_->n;
@@ -609,7 +627,7 @@ class FastFill {
             const double step = std::sqrt(cube_->a_i[c][0] * cube_->a_i[c][0] +
                                           cube_->a_i[c][1] * cube_->a_i[c][1] +
                                           cube_->a_i[c][2] * cube_->a_i[c][2]);
-            long b = step > 0.0 ? static_cast<long>(std::ceil(0.6 / step)) : 1;
+            long b = step > 0.0 ? static_cast<long>(std::ceil(BLOCK_EDGE / step)) : 1;
             bsz[c] = std::clamp(b, 1L, n[c]);
             nblk[c] = (n[c] + bsz[c] - 1) / bsz[c];
         }

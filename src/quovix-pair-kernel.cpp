@@ -87,49 +87,77 @@ inline vd select_le(vd a, vd b, vd yes, vd no) {
 // margin, far above rounding; the exact test d <= range is then made on d itself.
 constexpr double screen_margin = 1e-9;
 
-// Sums of one group of `lanes` probe points (a full register; unused lanes hold copies).
+// Sums of G registers of probe points (G * lanes points; unused lanes hold copies). Two
+// registers per source give the processor independent work to overlap the square roots,
+// quotients and library calls of one register with those of the other.
+template <int G>
 void group_sum(const quovix_pair_sources &s, const double *px, const double *py, const double *pz,
                double *bond, double *coulomb) {
-    const vd rx = load(px), ry = load(py), rz = load(pz);
+    vd rx[G], ry[G], rz[G], eb[G], ec[G];
     const vd zero = splat(0.0);
-    vd eb = zero, ec = zero;
+    for (int g = 0; g < G; ++g) {
+        rx[g] = load(px + g * lanes);
+        ry[g] = load(py + g * lanes);
+        rz[g] = load(pz + g * lanes);
+        eb[g] = zero;
+        ec[g] = zero;
+    }
     // Each lane adds, source after source, occ * value where the contact counts and +0.0
     // elsewhere: adding +0.0 leaves every sum that starts at +0.0 unchanged, so a lane's sum is
     // the plain loop's sum over its own contacts, in source order.
     const std::size_t nb = s.bx.size();
     for (std::size_t k = 0; k < nb; ++k) {
-        const vd dx = splat(s.bx[k]) - rx, dy = splat(s.by[k]) - ry, dz = splat(s.bz[k]) - rz;
-        const vd d2 = dx * dx + dy * dy + dz * dz;
         const double cut = s.bcut[k];
         const double reach = cut * (1.0 + screen_margin);
-        if (le_mask(d2, splat(reach * reach)) == 0) continue;
-        const vd d = vsqrt(d2);
-        // quovix_energy_bonding_with_energy_shift: 0.5 d0 ((e - 1)^2 - 1) - en_s.
-        const vd e = vexp((splat(s.brmin[k]) - d) * splat(s.bbinv[k]));
-        const vd em1 = e - splat(1.0);
-        const vd morse = splat(0.5) * splat(s.bd0[k]) * (em1 * em1 - splat(1.0)) - splat(s.bens[k]);
-        // quovix_pseudopotential_energy_bonding: a2 d d + a1 d + a0.
-        const vd inner = splat(s.ba2[k]) * d * d + splat(s.ba1[k]) * d + splat(s.ba0[k]);
-        const vd value = select_le(d, splat(s.brin[k]), inner, morse);
-        eb = eb + select_le(d, splat(cut), splat(s.bocc[k]) * value, zero);
+        vd d2[G];
+        unsigned any = 0;
+        for (int g = 0; g < G; ++g) {
+            const vd dx = splat(s.bx[k]) - rx[g], dy = splat(s.by[k]) - ry[g],
+                     dz = splat(s.bz[k]) - rz[g];
+            d2[g] = dx * dx + dy * dy + dz * dz;
+            any |= le_mask(d2[g], splat(reach * reach));
+        }
+        if (any == 0) continue;
+        for (int g = 0; g < G; ++g) {
+            const vd d = vsqrt(d2[g]);
+            // quovix_energy_bonding_with_energy_shift: 0.5 d0 ((e - 1)^2 - 1) - en_s.
+            const vd e = vexp((splat(s.brmin[k]) - d) * splat(s.bbinv[k]));
+            const vd em1 = e - splat(1.0);
+            const vd morse =
+                splat(0.5) * splat(s.bd0[k]) * (em1 * em1 - splat(1.0)) - splat(s.bens[k]);
+            // quovix_pseudopotential_energy_bonding: a2 d d + a1 d + a0.
+            const vd inner = splat(s.ba2[k]) * d * d + splat(s.ba1[k]) * d + splat(s.ba0[k]);
+            const vd value = select_le(d, splat(s.brin[k]), inner, morse);
+            eb[g] = eb[g] + select_le(d, splat(cut), splat(s.bocc[k]) * value, zero);
+        }
     }
     const std::size_t nc = s.cx.size();
     const double reach = QUOVIX_COULOMB_SHIFT_DISTANCE * (1.0 + screen_margin);
     const vd reach2 = splat(reach * reach), range = splat(QUOVIX_COULOMB_SHIFT_DISTANCE);
     for (std::size_t k = 0; k < nc; ++k) {
-        const vd dx = splat(s.cx[k]) - rx, dy = splat(s.cy[k]) - ry, dz = splat(s.cz[k]) - rz;
-        const vd d2 = dx * dx + dy * dy + dz * dz;
-        if (le_mask(d2, reach2) == 0) continue;
-        const vd d = vsqrt(d2);
-        // quovix_energy_coulombic: q erfc(d / r_eff) / d - shift.
-        const vd screened =
-            splat(s.cq[k]) * verfc(d * splat(s.creffinv[k])) / d - splat(s.cshift[k]);
-        const vd inner = splat(s.ca2[k]) * d * d + splat(s.ca1[k]) * d + splat(s.ca0[k]);
-        const vd value = select_le(d, splat(s.crin[k]), inner, screened);
-        ec = ec + select_le(d, range, splat(s.cocc[k]) * value, zero);
+        vd d2[G];
+        unsigned any = 0;
+        for (int g = 0; g < G; ++g) {
+            const vd dx = splat(s.cx[k]) - rx[g], dy = splat(s.cy[k]) - ry[g],
+                     dz = splat(s.cz[k]) - rz[g];
+            d2[g] = dx * dx + dy * dy + dz * dz;
+            any |= le_mask(d2[g], reach2);
+        }
+        if (any == 0) continue;
+        for (int g = 0; g < G; ++g) {
+            const vd d = vsqrt(d2[g]);
+            // quovix_energy_coulombic: q erfc(d / r_eff) / d - shift.
+            const vd screened =
+                splat(s.cq[k]) * verfc(d * splat(s.creffinv[k])) / d - splat(s.cshift[k]);
+            const vd inner = splat(s.ca2[k]) * d * d + splat(s.ca1[k]) * d + splat(s.ca0[k]);
+            const vd value = select_le(d, splat(s.crin[k]), inner, screened);
+            ec[g] = ec[g] + select_le(d, range, splat(s.cocc[k]) * value, zero);
+        }
     }
-    store(bond, eb);
-    store(coulomb, ec);
+    for (int g = 0; g < G; ++g) {
+        store(bond + g * lanes, eb[g]);
+        store(coulomb + g * lanes, ec[g]);
+    }
 }
 
 }  // namespace
@@ -174,13 +202,15 @@ void quovix_pair_sources::add_coulomb(const double x[3], double occ, const quovi
     cshift.push_back(shift);
 }
 
-/// Probe points in groups of the register width; a last partial group is padded with copies
-/// of its last point, whose results are dropped.
+/// Probe points in groups of two registers, then one; a last partial register is padded with
+/// copies of its last point, whose results are dropped.
 void quovix_pair_kernel_sum(const quovix_pair_sources &src, const double *px, const double *py,
                             const double *pz, std::size_t n, double *bond, double *coulomb) {
     std::size_t p = 0;
+    for (; p + 2 * lanes <= n; p += 2 * lanes)
+        group_sum<2>(src, px + p, py + p, pz + p, bond + p, coulomb + p);
     for (; p + lanes <= n; p += lanes)
-        group_sum(src, px + p, py + p, pz + p, bond + p, coulomb + p);
+        group_sum<1>(src, px + p, py + p, pz + p, bond + p, coulomb + p);
     if (p == n) return;
     double gx[lanes], gy[lanes], gz[lanes], gb[lanes], gc[lanes];
     for (std::size_t l = 0; l < lanes; ++l) {
@@ -189,7 +219,7 @@ void quovix_pair_kernel_sum(const quovix_pair_sources &src, const double *px, co
         gy[l] = py[q];
         gz[l] = pz[q];
     }
-    group_sum(src, gx, gy, gz, gb, gc);
+    group_sum<1>(src, gx, gy, gz, gb, gc);
     for (std::size_t l = 0; p + l < n; ++l) {
         bond[p + l] = gb[l];
         coulomb[p + l] = gc[l];
