@@ -444,8 +444,27 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     fm.setups.resize(cells);
     fm.atoms.resize(cells);
     fm.first.assign(1, 0);
+    // The first cell alone, so that a failure prints its reason once; the other five (the same
+    // atoms, strained by 1e-4) on all threads.
+    if (cells == 0 || !make_setup(copies[0].get(), ppt, fm.setups[0])) return false;
+    bool ready = true;
+#pragma omp parallel for schedule(dynamic, 1)
+    for (long c = 1; c < static_cast<long>(cells); ++c) {
+        bool done = false;
+        try {
+            done = make_setup(copies[c].get(), ppt, fm.setups[c]);
+        } catch (...) {
+        }
+        if (!done) {
+#pragma omp atomic write
+            ready = false;
+        }
+    }
+    if (!ready) {
+        std::fputs("Error: unable to allocate contact lists.\n", stderr);
+        return false;
+    }
     for (std::size_t c = 0; c < cells; ++c) {
-        if (!make_setup(copies[c].get(), ppt, fm.setups[c])) return false;
         fm.atoms[c].resize(static_cast<std::size_t>(std::max(copies[c]->total, 0L)));
         fm.first.push_back(fm.first.back() + static_cast<long>(fm.atoms[c].size()));
     }
