@@ -493,6 +493,17 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     return true;
 }
 
+// Frees the contact lists on all threads (thousands of small vectors), instead of leaving
+// them to the destructor on one.
+void release_fit_models(fit_models &fm) {
+    const long items = fm.first.empty() ? 0 : fm.first.back();
+#pragma omp parallel for schedule(static)
+    for (long it = 0; it < items; ++it) {
+        const std::size_t c = fm.cell_of(it);
+        fm.atoms[c][static_cast<std::size_t>(it - fm.first[c])] = atom_contacts{};
+    }
+}
+
 // Energy (reduced units) of one atom's contacts at screening factor sf.
 double atom_energy(const atom_contacts &a, const pair_term *terms, const double *shift, double sf) {
     double e = a.bond;
@@ -856,6 +867,7 @@ int quovix_property_calculate_screening_factor(QUOVIX_PROPERTY *ppt, QUOVIX_CELL
         }
         ppt->sf = sf;
         std::printf("Message: final screening factor = %f\n", sf);
+        release_fit_models(models);
         return 0;
     });
     return status == 0 ? 0 : -1;
