@@ -493,9 +493,11 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     return true;
 }
 
-// Frees the contact lists on all threads (thousands of small vectors), instead of leaving
-// them to the destructor on one.
-void release_fit_models(fit_models &fm) {
+// Frees the contact lists (thousands of small vectors) and the strained cells on all threads,
+// instead of leaving them to the destructors on one.
+void release_fit_models(fit_models &fm, std::vector<quovix_cell_ptr> &copies) {
+#pragma omp parallel for schedule(static)
+    for (long c = 0; c < static_cast<long>(copies.size()); ++c) copies[c].reset();
     const long items = fm.first.empty() ? 0 : fm.first.back();
 #pragma omp parallel for schedule(static)
     for (long it = 0; it < items; ++it) {
@@ -867,7 +869,7 @@ int quovix_property_calculate_screening_factor(QUOVIX_PROPERTY *ppt, QUOVIX_CELL
         }
         ppt->sf = sf;
         std::printf("Message: final screening factor = %f\n", sf);
-        release_fit_models(models);
+        release_fit_models(models, copies);
         return 0;
     });
     return status == 0 ? 0 : -1;
