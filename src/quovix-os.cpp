@@ -25,8 +25,12 @@ constexpr double kKeyScale = 1000.0;         // charges are merged in steps of 0
 constexpr double kNeutralAbs = 0.01;         // a cell is neutral within max(0.01 e,
 constexpr double kNeutralRel = 0.005;        //   0.5 % of its anion charge): refined occupancies
                                              //   rarely balance exactly (LGPS: 0.14 e of 48)
+constexpr double kExactCharge = 1e-3;        // an assignment this close to neutral is exact
 constexpr double kMixedMargin = 0.001;       // a mixed site keeps both states by at least 0.1 %
 constexpr std::size_t kMaxNodes = 20000000;  // charges kept over all sites (about 0.7 GB)
+// A chosen state whose sum is further off than max(0.5, 25 %) is reported.
+constexpr double kFarOff = 0.5;
+constexpr double kFarOffRel = 0.25;
 // The parameter set softens each cation's b towards its anion environment:
 // b = (2/3) <b(cation, anion of atom k)>_k + (1/3) b(cation, anion); the same here.
 constexpr double kEffectiveBWeight = 0.6666666666666666;
@@ -626,9 +630,16 @@ QUOVIX_OS *assigner::run() {
         std::vector<std::vector<node>> fw, bw;
         if (!forward(sites, fixed, tol, fw)) return nullptr;
         sol = integer_solution(sites, fw, tol);
-        if (!sol.found && !sites.empty()) {
+        // A mixed site is taken when no integer assignment is neutral. When one balances the
+        // charge exactly, a mixed site competes with it on the cost (magnetite: Fe3+ on the
+        // tetrahedral site and Fe2.5+ on the octahedral fit better than the normal-spinel
+        // Fe2+/Fe3+). An integer assignment neutral only within the tolerance (refined
+        // occupancies) is kept: a mixed site would merely absorb the refinement's imbalance.
+        const bool exact = sol.found && std::fabs(sol.charge) < kExactCharge;
+        if (!sites.empty() && (!sol.found || exact)) {
             if (!backward(sites, fixed, tol, bw)) return nullptr;
-            sol = mixed_solution(sites, os.get(), fw, bw);
+            solution mixed = mixed_solution(sites, os.get(), fw, bw);
+            if (mixed.found && (!sol.found || mixed.cost < sol.cost)) sol = std::move(mixed);
         }
         if (sol.found) os->tier = tier;
     }
@@ -747,6 +758,16 @@ void quovix_os_print(QUOVIX_OS *os) {
                     rejected.empty() ? "-" : rejected.c_str());
     }
     std::printf("OS: formal charge of the cell = %f\n", os->charge);
+    for (long s = 0; s < os->total; ++s) {
+        const QUOVIX_OS_SITE &site = os->site[s];
+        const double off = std::fabs(site.bv_sum - site.state_mean);
+        if (!site.given && off > std::max(kFarOff, kFarOffRel * std::fabs(site.state_mean))) {
+            std::printf(
+                "Warning: the bond valence sum of site %s is %.3f away from its state; the listed "
+                "states may not describe this structure.\n",
+                site.name, off);
+        }
+    }
     if (os->tier == 2) {
         std::puts("Warning: no neutral assignment keeps every anion at its usual state.");
     }
