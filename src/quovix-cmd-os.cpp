@@ -52,9 +52,10 @@ void quovix_cmd_opt_do_gen_cif_os(QUOVIX_CMD_OPT *opt) {
              "the charge-neutral assignments (within 0.5 % of the anion charge) the one whose "
              "bond valence sums lie closest to the states is chosen: it minimises the sum over "
              "cation sites of multiplicity x occupancy x (bv_sum - state)^2. Sites of one "
-             "element may take different states; one site takes a state between two listed "
-             "ones (written as both, sharing the position) only when no integer assignment is "
-             "neutral, and anions leave their usual state only when nothing else is neutral.\n",
+             "element may take different states. One site takes a state between two consecutive "
+             "listed ones (written as both, sharing the position) when no integer assignment is "
+             "neutral, or when it fits the sums better than an exactly neutral integer one. "
+             "Anions leave their usual state only when nothing else is neutral.\n",
              "Command: prints one line per symmetry-distinct site: state, bond valence sum and "
              "the rejected states with their sums; then the GII with the default states and "
              "with the assigned ones.\n",
