@@ -29,7 +29,7 @@ LAYERS = [
     ("migration graph", ["quovix-gh", "quovix-gh-*"]),
     ("simulation and export",
      ["quovix-kmc", "quovix-kmc-*", "quovix-md", "quovix-md-*", "quovix-cn", "quovix-cn-*",
-      "quovix-gin", "quovix-gin-*"]),
+      "quovix-gin", "quovix-gin-*", "quovix-os"]),
     ("commands", ["quovix-cmd", "quovix-cmd-*"]),
 ]
 
