@@ -27,6 +27,7 @@ constexpr double kNeutralRel = 0.005;        //   0.5 % of its anion charge): re
                                              //   rarely balance exactly (LGPS: 0.14 e of 48)
 constexpr double kExactCharge = 1e-3;        // an assignment this close to neutral is exact
 constexpr double kMixedMargin = 0.001;       // a mixed site keeps both states by at least 0.1 %
+constexpr double kMaxWeight = 1e6;           // multiplicity x occupancy of one site
 constexpr std::size_t kMaxNodes = 20000000;  // charges kept over all sites (about 0.7 GB)
 // A chosen state whose sum is further off than max(0.5, 25 %) is reported.
 constexpr double kFarOff = 0.5;
@@ -560,6 +561,14 @@ QUOVIX_OS *assigner::run() {
         site.weight += cell_->atom[k].occ;
     }
 
+    for (long s = 0; s < total_sites; ++s) {
+        // Occupancies enter the charge keys: refuse what is not a number or absurdly large.
+        const double w = os->site[s].weight;
+        if (!std::isfinite(w) || w < 0.0 || w > kMaxWeight) {
+            std::fprintf(stderr, "Error: invalid occupancy at site %s.\n", os->site[s].name);
+            return nullptr;
+        }
+    }
     double anion_charge = 0.0, given_charge = 0.0;
     bool any_free = false;
     for (long s = 0; s < total_sites; ++s) {
