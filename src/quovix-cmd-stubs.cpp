@@ -46,27 +46,6 @@ void quovix_cmd_opt_do_gen_cube_tot_eam(QUOVIX_CMD_OPT *) {
          "Example: ./quovix.x --gen-cube-tot-eam Li2O.cif Li 1\n"});
 }
 
-void quovix_cmd_opt_do_rx_sd(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --rx-sd [input.cif] | {sf} {step_max} {output_name}\n\n",
-                 "Command: relaxes the cell by steepest descent and writes the result in cif "
-                 "format.\n",
-                 "Example: ./quovix.x --rx-sd Li2O.cif\n"});
-}
-
-void quovix_cmd_opt_do_rx_neb(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --rx-neb [initial.cif] [final.cif] [type] [os] | {images}\n\n",
-                 "Command: performs a simple nudged elastic band calculation with input of two "
-                 "end images.\n",
-                 "Example: ./quovix.x --rx-neb Li2O.0.cif Li2O.1.cif Li 1\n"});
-}
-
-void quovix_cmd_opt_do_rx_neb_images(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --rx-neb-images [prefix] [images] [type] [os]\n\n",
-                 "Command: performs a nudged elastic band calculation with input of a series of "
-                 "images prefix.0.cif, prefix.1.cif, ...\n",
-                 "Example: ./quovix.x --rx-neb-images Li2O 5 Li 1\n"});
-}
-
 void quovix_cmd_opt_do_fft(QUOVIX_CMD_OPT *) {
     print_lines({"Command: --fft [input.cube] | {flag:periodic}\n\n",
                  "Command: Fourier analysis of a cube: critical points with eigenvalues and "
