@@ -19,6 +19,12 @@
 // with OpenMP; each atom's partial sum is accumulated by one thread in a fixed order and the
 // partial sums are added in atom order, so results do not depend on the number of threads.
 // The screening-factor fit keeps the contacts of its six strained cells between iterations.
+// The pair constants come from the shared table (quovix_pair_table_build). These sums keep the
+// scalar exp and erfc rather than the vector kernel of the landscape: their time goes mostly
+// into finding and sorting contacts, not into the pair functions (exp and erfc are under a
+// fifth of --cal-tot-en), and the fit's printed pressures are differences of large energies,
+// where the kernel's last-place differences would be amplified ten-thousandfold by the 1e-4
+// strain.
 #include "quovix-rx.hpp"
 
 #include <algorithm>
