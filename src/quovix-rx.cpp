@@ -23,7 +23,7 @@
 // scalar exp and erfc rather than the vector kernel of the landscape: their time goes mostly
 // into finding and sorting contacts, not into the pair functions (exp and erfc are under a
 // fifth of --cal-tot-en), and the fit's printed pressures are differences of large energies,
-// where the kernel's last-place differences would be amplified ten-thousandfold by the 1e-4
+// where the kernel's last-place differences would be amplified five-thousandfold by the 1e-4
 // strain.
 #include "quovix-rx.hpp"
 
