@@ -106,8 +106,9 @@ TEST(ProbeLandscape, GridPlainAndCellLevelAgree) {
         ASSERT_TRUE(bv);
         EXPECT_NEAR(g_grid, quovix_gii_calculate_from_bv_no_msg(bv.get()), 1e-9);
         EXPECT_NEAR(eam_plain, emb_big - emb_cell, 1e-8);
-        if (tot->en[q[0]][q[1]][q[2]] < 5.0)  // away from the inner branch and the cap
+        if (tot->en[q[0]][q[1]][q[2]] < 5.0) {  // away from the inner branch and the cap
             EXPECT_NEAR(tot->en[q[0]][q[1]][q[2]], e_big - e_cell - e_self, 1e-6);
+        }
     }
 }
 
