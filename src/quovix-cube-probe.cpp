@@ -17,6 +17,7 @@
 
 #include "quovix-images.hpp"
 #include "quovix-import.hpp"
+#include "quovix-pair.hpp"
 
 namespace {
 
@@ -37,6 +38,7 @@ struct setup {
     int mobile = -1;
     std::vector<int> species;
     std::vector<bond_term> probe;  // the probe's bond to an atom of each species
+    quovix_pair_table table;
     std::vector<double> occ, valence, sum, rho, f1;
     double q0 = 0.0, n0 = 0.0, range = 0.0;
     double f1_p = 0.0, valence_p = 1.0;
@@ -46,16 +48,18 @@ struct setup {
     std::vector<std::vector<source>> bins;
 };
 
-bond_term pair_bond(const QUOVIX_PROPERTY *ppt, int i, int j) {
+// The bond of species i to species j from the shared pair table (record stored cation first).
+bond_term pair_bond(const quovix_pair_table &table, int i, int j) {
     bond_term t;
-    if (i < 0 || j < 0 || static_cast<long>(ppt->uni[i].os) * ppt->uni[j].os >= 0) return t;
-    const QUOVIX_PROPERTY_BINARY &p = ppt->uni[i].os > 0 ? ppt->bin[i][j] : ppt->bin[j][i];
+    if (i < 0 || j < 0) return t;
+    const quovix_pair_term &p = table.term(i, j);
+    if (p.kind != quovix_pair_kind::bonding) return t;
     if (!(p.b > 0.0) || !(p.cutoff > QUOVIX_MIN_CONTACT) || !std::isfinite(p.r0)) return t;
     t.ok = true;
     t.r0 = p.r0;
     t.b = p.b;
     t.cutoff = p.cutoff;
-    t.s_cut = std::exp((p.r0 - p.cutoff) / p.b);
+    t.s_cut = p.s_cut;
     return t;
 }
 
@@ -95,9 +99,13 @@ bool prepare(setup &s, QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt) {
     const QUOVIX_PROPERTY_UNITARY &m = ppt->uni[s.mobile];
     s.f1_p = m.f1;
     s.valence_p = quovix_abs_os(m.os);
+    if (!quovix_pair_table_build(s.table, ppt)) {
+        std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
+        return false;
+    }
     s.probe.resize(static_cast<std::size_t>(ppt->total));
     for (int j = 0; j < ppt->total; ++j) {
-        s.probe[j] = pair_bond(ppt, s.mobile, j);
+        s.probe[j] = pair_bond(s.table, s.mobile, j);
         if (s.probe[j].ok) s.range = std::max(s.range, s.probe[j].cutoff);
     }
     // Bond valence sums and faded densities of the atoms, over their own bonds.
@@ -112,7 +120,7 @@ bool prepare(setup &s, QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt) {
 #pragma omp parallel for schedule(dynamic, 4)
     for (long i = 0; i < n; ++i) {
         for (long j = 0; j < n; ++j) {
-            const bond_term t = pair_bond(ppt, s.species[i], s.species[j]);
+            const bond_term t = pair_bond(s.table, s.species[i], s.species[j]);
             if (!t.ok) continue;
             quovix_images::for_each_image(f, cell->atom[i].x, cell->atom[j].x, t.cutoff,
                                           [&](const double *, double d) {
