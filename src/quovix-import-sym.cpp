@@ -157,6 +157,17 @@ class CartBins {
             lo[k] = cell_of(p[k] - tolerance);
             hi[k] = cell_of(p[k] + tolerance);
         }
+        // A window wider than the occupied bins (a huge tolerance) visits every atom instead
+        // of walking up to (2e6 + 1)^3 empty keys; the caller tests each candidate anyway.
+        const double window = static_cast<double>(hi[0] - lo[0] + 1) *
+                              static_cast<double>(hi[1] - lo[1] + 1) *
+                              static_cast<double>(hi[2] - lo[2] + 1);
+        if (window > static_cast<double>(bins_.size())) {
+            for (const auto &bin : bins_) {
+                for (long idx : bin.second) f(idx);
+            }
+            return;
+        }
         for (long i = lo[0]; i <= hi[0]; ++i) {
             for (long j = lo[1]; j <= hi[1]; ++j) {
                 for (long k = lo[2]; k <= hi[2]; ++k) {

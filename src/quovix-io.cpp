@@ -3,6 +3,7 @@
 
 #include <fcntl.h>     // open
 #include <stdlib.h>    // mkstemp
+#include <sys/file.h>  // flock
 #include <sys/stat.h>  // fchmod, stat, umask
 #include <unistd.h>    // fsync, access, close
 
@@ -61,6 +62,12 @@ int quovix_output_file::commit() {
     ok = ok && ::fsync(::fileno(file_)) == 0;
     ok = (std::fclose(file_) == 0) && ok;
     file_ = nullptr;
+    if (ok && quovix_output_group::current_ != nullptr) {
+        // The group renames it together with its partners.
+        quovix_output_group::current_->pending_.emplace_back(temp_, path_);
+        committed_ = true;
+        return 0;
+    }
     ok = ok && std::rename(temp_, path_) == 0;
     if (!ok) {
         std::remove(temp_);
@@ -93,4 +100,38 @@ int quovix_output_check(const char *path, const char *input) {
         return 1;
     }
     return 0;
+}
+
+quovix_output_group *quovix_output_group::current_ = nullptr;
+
+quovix_output_group::quovix_output_group() {
+    if (current_ == nullptr) current_ = this;
+}
+
+quovix_output_group::~quovix_output_group() {
+    if (current_ == this) current_ = nullptr;
+    if (!committed_) {
+        for (const auto &p : pending_) std::remove(p.first.c_str());
+    }
+}
+
+int quovix_output_group::commit() {
+    if (current_ == this) current_ = nullptr;
+    committed_ = true;
+    if (pending_.empty()) return 0;
+    // Every run writing these names takes the same lock (the directory of the first file),
+    // so the renames of two runs never interleave. Without a lock (a file system that has
+    // none) the renames still happen, each file still whole.
+    const int dir = ::open(directory_of(pending_.front().second.c_str()).c_str(),
+                           O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) ::flock(dir, LOCK_EX);
+    int status = 0;
+    for (const auto &p : pending_) {
+        if (status == 0 && std::rename(p.first.c_str(), p.second.c_str()) == 0) continue;
+        if (status == 0) std::fprintf(stderr, "Error: unable to write %s.\n", p.second.c_str());
+        std::remove(p.first.c_str());
+        status = 1;
+    }
+    if (dir >= 0) ::close(dir);  // releases the lock
+    return status;
 }
