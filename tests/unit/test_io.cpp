@@ -144,3 +144,25 @@ TEST(OutputFile, CheckRefusesUnwritablePathsAndTheInput) {
     const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("would overwrite the input file"), std::string::npos) << err;
 }
+
+// A job ended by SIGTERM (a scheduler's time limit) in the middle of a write removes its
+// temporary file on the way out; the old result stays.
+TEST(OutputFile, TerminationRemovesTheTemporaryFile) {
+    const std::string d = fresh_dir("sigterm");
+    put(d + "out.cube", "old result\n");
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        quovix_output_file out((d + "out.cube").c_str());
+        std::fputs("half a cube", out.get());
+        std::fflush(out.get());
+        ::raise(SIGTERM);
+        ::_exit(3);  // not reached
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+    EXPECT_EQ(slurp(d + "out.cube"), "old result\n");
+    EXPECT_EQ(entries(d), 1);
+}
