@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "import_test_helpers.hpp"
 #include "quovix-fp-reference.hpp"
 #include "quovix-fp.hpp"
 #include "temp_dir.hpp"
@@ -277,4 +278,28 @@ TEST(FpMap, TypesSetThroughDotsReachTheMarkerCell) {
     quovix_cell_ptr cell(quovix_fpcube_export_to_cell(fp.get()));
     EXPECT_EQ(cell->total, one.total);  // every dot of the path, saddle and minimum included
     for (long m = 0; m < cell->total; m++) EXPECT_STREQ(cell->atom[m].type, "H");
+}
+
+// Real landscapes of the mobile ion (coarse grids): compact and literal grids agree.
+TEST(FpMap, RealLandscapesMatchLiteralRecords) {
+    struct Case {
+        const char *file, *type;
+        int os;
+    };
+    for (const Case &c :
+         {Case{"LiFePO4_olivine_P1.cif", "Li", 1}, Case{"Li6PS5Cl_argyrodite.cif", "Li", 1},
+          Case{"Na3PS4_cubic_2x2x2_P1.cif", "Na", 1}}) {
+        test_import::Loaded in = test_import::load(test_import::data_file(c.file));
+        ASSERT_EQ(in.status, 0) << c.file;
+        testing::internal::CaptureStdout();
+        QUOVIX_PROPERTY *ppt = nullptr;
+        quovix_cube_ptr cube(quovix_cube_calculate_from_cell(
+            &ppt, in.cell.get(), in.sym.get(), c.type, c.os, 0.75, 0.45, true,
+            test_import::unitary().c_str(), test_import::binary().c_str()));
+        quovix_property_free(ppt);
+        testing::internal::GetCapturedStdout();
+        ASSERT_TRUE(cube) << c.file;
+        expect_same_as_literal(cube.get(), -0.1);
+        expect_same_as_literal(cube.get(), 0.4);
+    }
 }
