@@ -67,6 +67,7 @@ struct Run {
 
 Run spawn(const char *self, const std::string &variant, const std::string &cube,
           const std::string &out, int threads) {
+    std::fflush(stdout);  // the child must not repeat buffered output
     const auto t0 = std::chrono::steady_clock::now();
     const pid_t pid = fork();
     if (pid == 0) {
