@@ -60,7 +60,7 @@ int child(const std::string &variant, const char *cube_path, const char *out_pat
 }
 
 struct Run {
-    double seconds;
+    double seconds, cpu;
     long peak_kb;
     int status;
 };
@@ -82,7 +82,9 @@ Run spawn(const char *self, const std::string &variant, const std::string &cube,
     rusage use{};
     wait4(pid, &status, 0, &use);
     const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    return {s, use.ru_maxrss, WIFEXITED(status) ? WEXITSTATUS(status) : 99};
+    const double cpu = double(use.ru_utime.tv_sec + use.ru_stime.tv_sec) +
+                       1e-6 * double(use.ru_utime.tv_usec + use.ru_stime.tv_usec);
+    return {s, cpu, use.ru_maxrss, WIFEXITED(status) ? WEXITSTATUS(status) : 99};
 }
 
 /// Spectral interpolation of a periodic grid onto m^3 points (modes below the old Nyquist).
@@ -182,8 +184,8 @@ int main(int argc, char **argv) {
     mkdir(dir.c_str(), 0755);
     std::printf("path map, cube file -> marker CIF (medians of %d runs, each in its own process)\n",
                 reps);
-    std::printf("%-6s %-16s %8s %10s %10s  %s\n", "grid", "variant", "threads", "time (s)",
-                "peak (MB)", "output");
+    std::printf("%-6s %-8s %8s %10s %10s %10s  %s\n", "grid", "variant", "threads", "wall (s)",
+                "cpu (s)", "peak (MB)", "output");
     for (long n : sizes) {
         const std::string cube = landscape(dir, n);
         if (cube.empty()) {
@@ -197,13 +199,14 @@ int main(int argc, char **argv) {
         std::string reference;
         for (const Variant v : {Variant{"literal", 1}, Variant{"fast", 1}, Variant{"fast", 2},
                                 Variant{"fft", 1}, Variant{"fft", 2}}) {
-            std::vector<double> t;
+            std::vector<double> t, cpu;
             long peak = 0;
             int status = 0;
             const std::string out = dir + "/out_" + v.name + std::to_string(v.threads) + ".cif";
             for (int r = 0; r < reps; r++) {
                 const Run run = spawn(argv[0], v.name, cube, out, v.threads);
                 t.push_back(run.seconds);
+                cpu.push_back(run.cpu);
                 peak = std::max(peak, run.peak_kb);
                 status |= run.status;
             }
@@ -217,8 +220,9 @@ int main(int argc, char **argv) {
                 else
                     same = text == reference ? "identical" : "DIFFERENT";
             }
-            std::printf("%ld^3  %-16s %8d %10.2f %10.1f  %s%s\n", n, v.name, v.threads, median(t),
-                        double(peak) / 1024.0, same.c_str(), status ? " (failed)" : "");
+            std::printf("%ld^3  %-8s %8d %10.2f %10.2f %10.1f  %s%s\n", n, v.name, v.threads,
+                        median(t), median(cpu), double(peak) / 1024.0, same.c_str(),
+                        status ? " (failed)" : "");
             std::fflush(stdout);
         }
     }
