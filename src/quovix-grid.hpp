@@ -15,8 +15,12 @@ struct quovix_grid {
 
     constexpr long points() const { return n[0] * n[1] * n[2]; }
 
-    /// v modulo m in [0, m), also for negative v.
+    /// v modulo m in [0, m), also for negative v. Indices one period out (the common case of
+    /// neighbours and symmetry images) are brought back without a division.
     static constexpr long wrap(long v, long m) {
+        if (v >= 0 && v < m) return v;
+        if (v >= m && v < 2 * m) return v - m;
+        if (v < 0 && v >= -m) return v + m;
         const long r = v % m;
         return r < 0 ? r + m : r;
     }
