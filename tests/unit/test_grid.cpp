@@ -12,6 +12,7 @@ TEST(Grid, FlatAndIndexAreInverseWithWrapAround) {
     }
     EXPECT_EQ(g.shifted(g.flat(0, 0, 0), -1, -1, -1), g.flat(2, 3, 4));
     EXPECT_EQ(quovix_grid::wrap(-1, 1), 0);
+    for (long v = -15; v <= 15; v++) EXPECT_EQ(quovix_grid::wrap(v, 4), ((v % 4) + 4) % 4) << v;
 }
 
 TEST(Grid, StencilsHoldEachNeighbourOnce) {
