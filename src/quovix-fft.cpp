@@ -1,0 +1,2 @@
+// Spectral derivatives of a periodic energy grid.
+#include "quovix-fft.hpp"
