@@ -421,7 +421,11 @@ int quovix_graph_network_calculate_from_file_export_full(const char *outname, co
                             dir_binary, dir_symcards) != 0)
             return 1;
         QUOVIX_GRAPH *graph = ls.graph.get();
-        {
+        if (graph->total_v == 0) {
+            // nothing to mark: every half path was filtered out (or none ends on a minimum)
+            std::printf("Warning: the migration graph has no site; %s not written.\n",
+                        name(".gh.cif").c_str());
+        } else {
             quovix_owner<QUOVIX_CELL, quovix_cell_free> marks{quovix_graph_export_to_cell(graph)};
             if (!marks) {
                 std::fputs("Error: quovix_graph_export_to_cell() returns NULL.\n", stderr);
