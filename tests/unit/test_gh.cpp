@@ -2,6 +2,7 @@
 // search against the reference search), supergraph, geometry and printers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -367,7 +368,14 @@ TEST(GraphFromLandscape, CosineSitesAndSelfLoopHops) {
             EXPECT_EQ(e.e_r->v_f, e.v_i);
         }
         EXPECT_NEAR(g->total_occ, static_cast<double>(sites), 1e-12);
-        for (long i = 0; i < g->total_v; ++i) EXPECT_NEAR(g->v[i].occ, 1.0, 1e-12);
+        // curvature at a minimum of A cos(2 pi p x / L) is A (2 pi p / L)^2 along x
+        std::vector<double> curv;
+        for (int k = 0; k < 3; ++k) curv.push_back(amp[k] * std::pow(2 * M_PI * p / len[k], 2));
+        std::sort(curv.begin(), curv.end());
+        for (long i = 0; i < g->total_v; ++i) {
+            EXPECT_NEAR(g->v[i].occ, 1.0, 1e-12);
+            for (int k = 0; k < 3; ++k) EXPECT_NEAR(g->v[i].eig[k], curv[k], 1e-3 * curv[2]);
+        }
         const barriers b = network_of(g.get());
         EXPECT_NEAR(b.e1, 0.4, 1e-9);
         EXPECT_NEAR(b.e2, 0.6, 1e-9);
