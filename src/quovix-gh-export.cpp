@@ -23,7 +23,7 @@ constexpr const char *kSiteElements[] = {"Li", "Na", "K", "Rb", "Cs"};
 bool hop_representative(const QUOVIX_GRAPH_EDGE &e) { return !e.e_r || e.index < e.e_r->index; }
 
 int set_atom(QUOVIX_ATOM &at, const char *name, const char *type, const double x[3]) {
-    std::snprintf(at.name, sizeof at.name, "%s", name);
+    std::snprintf(at.name, sizeof at.name, "%.11s", name);
     std::snprintf(at.type, sizeof at.type, "%s", type);
     at.os = 1;
     at.occ = 1.0;
