@@ -100,7 +100,8 @@ void fprint_edge(std::FILE *out, const QUOVIX_GRAPH_EDGE &e) {
 }
 
 // Fills every vertex's edge array from the edges' start vertices, in edge order.
-int link_vertex_edges(QUOVIX_GRAPH *graph) {
+// `super`: message of the supergraph, else of the cell graph.
+int link_vertex_edges(QUOVIX_GRAPH *graph, bool super) {
     for (long i = 0; i < graph->total_v; ++i) {
         std::free(graph->v[i].e);
         graph->v[i].e = nullptr;
@@ -113,7 +114,10 @@ int link_vertex_edges(QUOVIX_GRAPH *graph) {
         graph->v[i].e = static_cast<QUOVIX_GRAPH_EDGE **>(
             std::calloc(static_cast<std::size_t>(count[i]), sizeof(QUOVIX_GRAPH_EDGE *)));
         if (!graph->v[i].e) {
-            std::fprintf(stderr, "Error: unable to allocate edge for vertex %ld.\n", i);
+            if (super)
+                std::fprintf(stderr, "Error: unable to allocate edge for vertex %ld.\n", i);
+            else
+                std::fprintf(stderr, "Error: unable to reallocate graph->v[%ld].e.\n", i);
             return 1;
         }
     }
@@ -503,10 +507,7 @@ QUOVIX_GRAPH *quovix_graph_new_filled(QUOVIX_FPHALF_LIST *list, QUOVIX_FFT *fft,
             }
         }
         for (long j = 0; j < graph->total_e; ++j) graph->e[j].index = j;
-        if (link_vertex_edges(graph.get()) != 0) {
-            std::fprintf(stderr, "Error: unable to reallocate graph->v[%ld].e.\n", 0L);
-            return nullptr;
-        }
+        if (link_vertex_edges(graph.get(), false) != 0) return nullptr;
 
         const int c = ppt->conducting;
         std::memcpy(graph->type, ppt->type[c], QUOVIX_TYPE_LEN);
@@ -606,10 +607,13 @@ int quovix_graph_assign_label(QUOVIX_GRAPH *graph, QUOVIX_CELL *cell) {
     for (long i = 0; i < graph->total_v; ++i) {
         if (graph->v[i].name[0] != '\0') continue;
         const double e0 = graph->v[i].en;
+        char label[40];
+        std::snprintf(label, sizeof label, "%.2s_i%ld", graph->type, group);
         for (long j = i; j < graph->total_v; ++j) {
             if (graph->v[j].name[0] != '\0') continue;
+            // at most 10 characters of the label are kept
             if (std::fabs(graph->v[j].en - e0) <= kSameSiteEnergy)
-                std::snprintf(graph->v[j].name, 11, "%.2s_i%ld", graph->type, group % 1000000L);
+                std::snprintf(graph->v[j].name, 11, "%.10s", label);
         }
         ++group;
     }
@@ -732,6 +736,6 @@ QUOVIX_GRAPH *quovix_graph_new_supergraph(QUOVIX_GRAPH *graph, const long s[3]) 
         }
         e.e_r = &back;
     }
-    if (link_vertex_edges(super.get()) != 0) return nullptr;
+    if (link_vertex_edges(super.get(), true) != 0) return nullptr;
     return super.release();
 }
