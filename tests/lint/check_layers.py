@@ -20,7 +20,7 @@ LAYERS = [
     ("pair functions", ["quovix-import-pair"]),
     ("parameter tables", ["quovix-import-ppt"]),
     ("cell", ["quovix-import-cell"]),
-    ("CIF reader", ["quovix-import-cif"]),
+    ("CIF reader", ["quovix-import-cif", "quovix-import-cif-*"]),
     ("energies", ["quovix-rx", "quovix-rx-*"]),
     ("parameter set with fit", ["quovix-import-ppt-build"]),
     ("bond valence and landscape", ["quovix-bv", "quovix-bv-*", "quovix-cube", "quovix-cube-*"]),
@@ -29,7 +29,7 @@ LAYERS = [
     ("migration graph", ["quovix-gh", "quovix-gh-*"]),
     ("simulation and export",
      ["quovix-kmc", "quovix-kmc-*", "quovix-md", "quovix-md-*", "quovix-cn", "quovix-cn-*",
-      "quovix-gin", "quovix-gin-*"]),
+      "quovix-gin", "quovix-gin-*", "quovix-os"]),
     ("commands", ["quovix-cmd", "quovix-cmd-*"]),
 ]
 
