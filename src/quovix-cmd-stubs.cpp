@@ -7,23 +7,6 @@ constexpr auto print_lines = &quovix_cmd_print_lines;  // usage blocks, line by 
 
 }  // namespace
 
-void quovix_cmd_opt_do_gh(QUOVIX_CMD_OPT *) {
-    print_lines(
-        {"Command: --gh [input.cif] [input.cube] [type] [os] | {barrier_max} "
-         "{flag:periodic}\n\n",
-         "Command: [type]: type of conducting ions.\n",
-         "Command: [os]: oxidation state of conducting ions.\n",
-         "Command: {barrier_max}: Only paths with barrier below this value are shown. If "
-         "set to non-positive value, all paths are considered. Default -0.1.\n",
-         "Command: {flag:periodic}: if set to true, cube file is treated as periodic. "
-         "Default true.\n",
-         "Command: analyze the conduction pathway of the given cube file and attempt to "
-         "label sites according to the given cif file. Percolation thresholds are printed "
-         "to screen, while corresponding pathway files are generated in cif format. "
-         "Additionally, a summary of the pathway if generated in csv txt format.\n",
-         "Example: ./quovix.x --gh Li2O.cif Li2O.cube Li 1\n"});
-}
-
 void quovix_cmd_opt_do_kmc(QUOVIX_CMD_OPT *) {
     std::printf(
         "Command: --kmc [input.cif] [input.cube] {type} {os} | {s0 s1 s2} {sf} {temperature} "
@@ -61,12 +44,6 @@ void quovix_cmd_opt_do_kmc(QUOVIX_CMD_OPT *) {
     std::printf("Example: ./quovix.x --kmc Li2O.cif Li2O.cube Li 1\n");
     std::printf(
         "Example: ./quovix.x --kmc AgI-a.cif AgI-a.cube Ag 1 2 2 2 -1 600 1000000 -1 -1 -0.1\n");
-}
-
-void quovix_cmd_opt_do_sites(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --sites [input.cif] [input.cube] [type] [os]\n\n",
-                 "Command: prints a summary of sites based on graph analysis.\n",
-                 "Example: ./quovix.x --sites Li2O.cif Li2O.cube Li 1\n"});
 }
 
 void quovix_cmd_opt_do_md(QUOVIX_CMD_OPT *) {
