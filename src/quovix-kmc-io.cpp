@@ -54,7 +54,11 @@ void set_mobile_atom(QUOVIX_ATOM &atom, const QUOVIX_KMC *kmc, long i, double oc
     const QUOVIX_GRAPH *g = kmc->graph;
     std::memset(&atom, 0, sizeof atom);
     std::snprintf(atom.name, sizeof atom.name, "%s", g->v[i].name);
-    if (atom.name[0] == '\0') std::snprintf(atom.name, sizeof atom.name, "%s%ld", g->type, i);
+    if (atom.name[0] == '\0') {
+        char name[48];
+        std::snprintf(name, sizeof name, "%s%ld", g->type, i);
+        std::memcpy(atom.name, name, sizeof atom.name - 1);  // at most 11 characters
+    }
     std::snprintf(atom.type, sizeof atom.type, "%s", g->type);
     atom.os = g->os;
     atom.occ = occ;

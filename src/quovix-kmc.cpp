@@ -692,12 +692,7 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
 
 // ======================================================================= parameters, rates
 
-int quovix_kmc_set_parameters(QUOVIX_KMC *kmc, double temperature, double t_limit, long step_limit,
-                              long step_log) {
-    if (kmc == nullptr || kmc->graph == nullptr) {
-        std::fputs("Error: QUOVIX_KMC has not been properly initialized.\n", stderr);
-        return 1;
-    }
+int quovix_kmc_check_parameters(double temperature, double t_limit) {
     if (std::isnan(temperature) || temperature > QUOVIX_KMC_TEMPERATURE_MAX) {
         std::fprintf(stderr, "Error: temperature %g K is out of range (at most %.0lf K).\n",
                      temperature, QUOVIX_KMC_TEMPERATURE_MAX);
@@ -707,6 +702,16 @@ int quovix_kmc_set_parameters(QUOVIX_KMC *kmc, double temperature, double t_limi
         std::fputs("Error: t_limit must be finite.\n", stderr);
         return 1;
     }
+    return 0;
+}
+
+int quovix_kmc_set_parameters(QUOVIX_KMC *kmc, double temperature, double t_limit, long step_limit,
+                              long step_log) {
+    if (kmc == nullptr || kmc->graph == nullptr) {
+        std::fputs("Error: QUOVIX_KMC has not been properly initialized.\n", stderr);
+        return 1;
+    }
+    if (quovix_kmc_check_parameters(temperature, t_limit) != 0) return 1;
     kmc->temperature = temperature > 0.0 ? temperature : QUOVIX_KMC_TEMPERATURE_DEFAULT;
     kmc->t_limit = t_limit < 0.0 ? QUOVIX_KMC_T_LIMIT_DEFAULT : t_limit;
     kmc->step_limit = (step_limit < 0 || step_limit > QUOVIX_KMC_STEP_LIMIT_MAX)

@@ -99,6 +99,9 @@ void quovix_kmc_print_result(QUOVIX_KMC *kmc);
 /// 1 after an error line for a non-finite or too high temperature or limit.
 int quovix_kmc_set_parameters(QUOVIX_KMC *kmc, double temperature, double t_limit, long step_limit,
                               long step_log);
+/// Checks the values quovix_kmc_set_parameters refuses (before a long set-up). 0 or 1 after the
+/// same error line.
+int quovix_kmc_check_parameters(double temperature, double t_limit);
 /// Recomputes the rate of every edge marked for update (and of every edge depending on a
 /// vertex marked for update) by scanning all vertices and edges. 0 or 1.
 int quovix_kmc_update_rate(QUOVIX_KMC *kmc);
