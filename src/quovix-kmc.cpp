@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "quovix-import.hpp"
@@ -52,26 +53,21 @@ void to_fractional(double s[3], const frame &f, const double x[3]) {
     for (int k = 0; k < 3; ++k) s[k] = x[0] * f.inv[0][k] + x[1] * f.inv[1][k] + x[2] * f.inv[2][k];
 }
 
-/// Minimum-image distance: the nearest lattice image found by rounding the fractional
-/// difference and checking its 26 neighbours (rounding alone can miss it in oblique cells).
+/// Minimum-image distance for the cut-off test. Rounding the fractional difference gives the
+/// nearest image whenever that image is closer than half the smallest perpendicular width
+/// (its fractional components are then below 1/2 in magnitude); quovix_kmc_new refuses
+/// cut-offs above that, so a distance below the cut-off is never missed.
 double min_image_distance(const frame &f, const double x1[3], const double x2[3]) {
     const double dx[3] = {x2[0] - x1[0], x2[1] - x1[1], x2[2] - x1[2]};
     double s[3];
     to_fractional(s, f, dx);
     for (double &v : s) v -= std::nearbyint(v);
-    double best = HUGE_VAL;
-    for (int i = -1; i <= 1; ++i)
-        for (int j = -1; j <= 1; ++j)
-            for (int k = -1; k <= 1; ++k) {
-                const double t[3] = {s[0] + i, s[1] + j, s[2] + k};
-                double d2 = 0.0;
-                for (int c = 0; c < 3; ++c) {
-                    const double x = t[0] * f.a[0][c] + t[1] * f.a[1][c] + t[2] * f.a[2][c];
-                    d2 += x * x;
-                }
-                best = std::min(best, d2);
-            }
-    return std::sqrt(best);
+    double d2 = 0.0;
+    for (int c = 0; c < 3; ++c) {
+        const double x = s[0] * f.a[0][c] + s[1] * f.a[1][c] + s[2] * f.a[2][c];
+        d2 += x * x;
+    }
+    return std::sqrt(d2);
 }
 
 /// Vertices binned by fractional position, bins at least one cut-off wide, so that every
@@ -153,9 +149,13 @@ long tree_pick(const double *tree, long size, double u) {
 }
 
 void tree_set(double *tree, long size, long i, double value) {
+    // The running value stays in a register; each parent is still left + right, in that order.
     long k = size + i;
     tree[k] = value;
-    for (k /= 2; k >= 1; k /= 2) tree[k] = tree[2 * k] + tree[2 * k + 1];
+    for (; k > 1; k /= 2) {
+        value = (k % 2 == 0) ? value + tree[k + 1] : tree[k - 1] + value;
+        tree[k / 2] = value;
+    }
 }
 
 void tree_build(double *tree, long size) {
@@ -176,7 +176,28 @@ double coulomb_de(double d, double qq, double r_eff) {
     return QUOVIX_COULOMB * quovix_energy_coulombic(std::max(d, QUOVIX_MIN_CONTACT), qq, r_eff);
 }
 
-/// Rate of edge i in the current occupancy (1/ps).
+/// Arrhenius rate from the interaction-corrected energies of start, end and saddle.
+double rate_from(const QUOVIX_KMC *kmc, double f, double ea, double eb, double es) {
+    // The saddle counts only when it lies above both ends; otherwise the barrier is the
+    // difference of the site energies, which is negative for a hop downhill.
+    if (ea < es && eb < es) eb = es;
+    const double x = -(eb - ea) / (QUOVIX_BOLTZMANN * kmc->temperature);
+    // exp(600) ~ 1e260 keeps a sum over millions of edges finite.
+    return f * std::exp(std::min(x, 600.0));
+}
+
+/// Rate of edge i from the running interaction sums (the fast step): as edge_rate, with the
+/// repulsion on the start site read from phi (the end site is empty) and that on the end
+/// site from phi less the mover's own share.
+double edge_rate_fast(const QUOVIX_KMC *kmc, long i) {
+    const QUOVIX_KMC_EDGE &ke = kmc->ke[i];
+    const QUOVIX_KMC_VERTEX &va = kmc->kv[ke.a];
+    const QUOVIX_KMC_VERTEX &vb = kmc->kv[ke.b];
+    if (!va.occupied || vb.occupied) return 0.0;
+    return rate_from(kmc, ke.f, va.en + va.phi, vb.en + vb.phi - ke.de, ke.en + ke.phi);
+}
+
+/// Rate of edge i in the current occupancy (1/ps), summing the neighbours literally.
 double edge_rate(const QUOVIX_KMC *kmc, long i) {
     const QUOVIX_KMC_EDGE &ke = kmc->ke[i];
     const long a = ke.e->v_i->index;
@@ -192,42 +213,84 @@ double edge_rate(const QUOVIX_KMC *kmc, long i) {
     double es = ke.en;
     for (int k = 0; k < ke.total_v; ++k)
         if (kv[ke.v_n[k]].occupied) es += ke.v_de[k];
-    // The saddle counts only when it lies above both ends; otherwise the barrier is the
-    // difference of the site energies, which is negative for a hop downhill.
-    if (ea < es && eb < es) eb = es;
-    const double x = -(eb - ea) / (QUOVIX_BOLTZMANN * kmc->temperature);
-    // exp(600) ~ 1e260 keeps a sum over millions of edges finite.
-    return ke.f * std::exp(std::min(x, 600.0));
+    return rate_from(kmc, ke.f, ea, eb, es);
 }
 
-/// New rate of edge i at the current time: the time integral of the old rate is closed and
-/// the sum tree follows.
+/// The running interaction sums from scratch.
+void recompute_phi(QUOVIX_KMC *kmc) {
+    QUOVIX_KMC_VERTEX *kv = kmc->kv;
+    for (long i = 0; i < kmc->graph->total_v; ++i) {
+        kv[i].phi = 0.0;
+        for (int k = 0; k < kv[i].total_v; ++k)
+            if (kv[kv[i].v_n[k]].occupied) kv[i].phi += kv[i].v_de[k];
+    }
+    for (long i = 0; i < kmc->graph->total_e; ++i) {
+        QUOVIX_KMC_EDGE &ke = kmc->ke[i];
+        ke.phi = 0.0;
+        for (int k = 0; k < ke.total_v; ++k)
+            if (kv[ke.v_n[k]].occupied) ke.phi += ke.v_de[k];
+    }
+}
+
+/// An ion leaves (sign -1) or arrives on (+1) vertex v: the site sums around it follow.
+void shift_phi_vertices(QUOVIX_KMC *kmc, long v, double sign) {
+    const QUOVIX_KMC_VERTEX &kv = kmc->kv[v];
+    for (int k = 0; k < kv.total_v; ++k) kmc->kv[kv.v_n[k]].phi += sign * kv.v_de[k];
+}
+
+/// The same for the saddle sums (the plain step; the fast one folds it into its refresh).
+void shift_phi_saddles(QUOVIX_KMC *kmc, long v, double sign) {
+    const QUOVIX_KMC_VERTEX &kv = kmc->kv[v];
+    for (int k = 0; k < kv.total_s; ++k) kmc->ke[kv.s_n[k]].phi += sign * kv.s_de[k];
+}
+
+/// New rate of edge i; the sum tree follows.
 void set_rate(QUOVIX_KMC *kmc, long i, double r) {
     QUOVIX_KMC_EDGE &ke = kmc->ke[i];
     if (r == ke.r) return;
-    ke.r2[1] += ke.r * (kmc->t - ke.t_in);
-    ke.t_in = kmc->t;
     ke.r = r;
     tree_set(kmc->tree, kmc->tree_size, i, r);
 }
 
-/// Refresh of the edges depending on vertices a and b only (the fast step).
+/// Refresh after an ion moved from vertex a to vertex b (the fast step). A rate changes only
+/// through the occupancy of a and b, the repulsion sums of their neighbours and those of the
+/// saddles near them. Around the saddles every listed edge is refreshed (their sums moved);
+/// around the vertices, an occupied one can only gain or lose hops out of it and an empty one
+/// hops into it, besides the hops out of a and into b, which just stopped.
 void update_rate_local(QUOVIX_KMC *kmc, long a, long b) {
+    QUOVIX_KMC_VERTEX *kv = kmc->kv;
+    shift_phi_vertices(kmc, a, -1.0);
+    shift_phi_vertices(kmc, b, 1.0);
     for (long v : {a, b}) {
-        const QUOVIX_KMC_VERTEX &kv = kmc->kv[v];
-        for (int k = 0; k < kv.total_e; ++k) {
-            const long i = kv.e_n[k];
-            if (kmc->ke[i].update) continue;
-            kmc->ke[i].update = true;
-            set_rate(kmc, i, edge_rate(kmc, i));
+        const double sign = v == a ? -1.0 : 1.0;
+        for (int k = 0; k < kv[v].total_s; ++k) {
+            const long i = kv[v].s_n[k];
+            kmc->ke[i].phi += sign * kv[v].s_de[k];
+            set_rate(kmc, i, edge_rate_fast(kmc, i));
         }
     }
+    auto refresh = [&](const long *start, const long *edge, long v) {
+        for (long k = start[v]; k < start[v + 1]; ++k)
+            set_rate(kmc, edge[k], edge_rate_fast(kmc, edge[k]));
+    };
+    refresh(kmc->out_start, kmc->out_e, a);
+    refresh(kmc->in_start, kmc->in_e, b);
+    auto visit = [&](long w) {
+        if (kv[w].update) return;
+        kv[w].update = true;
+        if (kv[w].occupied)
+            refresh(kmc->out_start, kmc->out_e, w);
+        else
+            refresh(kmc->in_start, kmc->in_e, w);
+    };
     for (long v : {a, b}) {
-        const QUOVIX_KMC_VERTEX &kv = kmc->kv[v];
-        for (int k = 0; k < kv.total_e; ++k) kmc->ke[kv.e_n[k]].update = false;
+        visit(v);
+        for (int k = 0; k < kv[v].total_v; ++k) visit(kv[v].v_n[k]);
     }
-    kmc->kv[a].update = false;
-    kmc->kv[b].update = false;
+    for (long v : {a, b}) {
+        kv[v].update = false;
+        for (int k = 0; k < kv[v].total_v; ++k) kv[kv[v].v_n[k]].update = false;
+    }
 }
 
 // --------------------------------------------------------------- steps
@@ -255,8 +318,6 @@ void hop(QUOVIX_KMC *kmc, long i) {
     vb.origin = o;
     vb.t_in = kmc->t;
     kmc->ke[i].r2[0] += 1.0;
-    va.update = true;
-    vb.update = true;
 }
 
 /// Residence time: dt = -ln(rho) / R with rho kept inside [1e-5, 0.99999].
@@ -285,6 +346,7 @@ step_result step_fast(QUOVIX_KMC *kmc) {
     const double dt = draw_dt(total);
     kmc->t += dt;
     kmc->t_total += dt;
+    kmc->rate_integral += total * dt;
     const long a = kmc->ke[i].e->v_i->index;
     const long b = kmc->ke[i].e->v_f->index;
     hop(kmc, i);
@@ -314,7 +376,17 @@ step_result step_plain(QUOVIX_KMC *kmc) {
     const double dt = draw_dt(total);
     kmc->t += dt;
     kmc->t_total += dt;
+    kmc->rate_integral += total * dt;
+    const long a = kmc->ke[pick].e->v_i->index;
+    const long b = kmc->ke[pick].e->v_f->index;
     hop(kmc, pick);
+    // The running sums stay current for a later fast step; the rates here use literal sums.
+    shift_phi_vertices(kmc, a, -1.0);
+    shift_phi_vertices(kmc, b, 1.0);
+    shift_phi_saddles(kmc, a, -1.0);
+    shift_phi_saddles(kmc, b, 1.0);
+    kmc->kv[a].update = true;
+    kmc->kv[b].update = true;
     if (quovix_kmc_update_rate(kmc) != 0) {
         std::fputs("Error: quovix_kmc_update_rate() returns non-zero.\n", stderr);
         return step_result::failed;
@@ -424,11 +496,8 @@ int start_production(QUOVIX_KMC *kmc) {
         v.t_in = 0.0;
         if (v.occupied) kmc->ion[kmc->total_ion++] = i;
     }
-    for (long i = 0; i < g->total_e; ++i) {
-        kmc->ke[i].r2[0] = 0.0;
-        kmc->ke[i].r2[1] = 0.0;
-        kmc->ke[i].t_in = 0.0;
-    }
+    for (long i = 0; i < g->total_e; ++i) kmc->ke[i].r2[0] = 0.0;
+    kmc->rate_integral = 0.0;
     kmc->step = 0;
     kmc->t = 0.0;
     kmc->total_block = 0;
@@ -437,17 +506,12 @@ int start_production(QUOVIX_KMC *kmc) {
     return 0;
 }
 
-/// Closes the time integrals of occupancy and rate at the current time.
+/// Closes the time integrals of occupancy at the current time.
 void finish_production(QUOVIX_KMC *kmc) {
     for (long i = 0; i < kmc->graph->total_v; ++i) {
         QUOVIX_KMC_VERTEX &v = kmc->kv[i];
         if (v.occupied) v.t += kmc->t - v.t_in;
         v.t_in = kmc->t;
-    }
-    for (long i = 0; i < kmc->graph->total_e; ++i) {
-        QUOVIX_KMC_EDGE &e = kmc->ke[i];
-        e.r2[1] += e.r * (kmc->t - e.t_in);
-        e.t_in = kmc->t;
     }
 }
 
@@ -480,13 +544,15 @@ void quovix_kmc_supercell_default(int s[3], const double a[3][3], double cutoff)
 
 void quovix_kmc_free(QUOVIX_KMC *kmc) {
     if (kmc == nullptr) return;
-    const long nv = kmc->graph ? kmc->graph->total_v : 0;
-    const long ne = kmc->graph ? kmc->graph->total_e : 0;
+    const long nv = kmc->total_v;
+    const long ne = kmc->total_e;
     if (kmc->kv)
         for (long i = 0; i < nv; ++i) {
             std::free(kmc->kv[i].v_n);
             std::free(kmc->kv[i].v_de);
             std::free(kmc->kv[i].e_n);
+            std::free(kmc->kv[i].s_n);
+            std::free(kmc->kv[i].s_de);
         }
     if (kmc->ke)
         for (long i = 0; i < ne; ++i) {
@@ -498,6 +564,10 @@ void quovix_kmc_free(QUOVIX_KMC *kmc) {
     std::free(kmc->ke);
     std::free(kmc->ion);
     std::free(kmc->tree);
+    std::free(kmc->out_start);
+    std::free(kmc->out_e);
+    std::free(kmc->in_start);
+    std::free(kmc->in_e);
     std::free(kmc);
 }
 
@@ -553,6 +623,8 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
     kmc->graph = graph;
     const long nv = graph->total_v;
     const long ne = graph->total_e;
+    kmc->total_v = nv;
+    kmc->total_e = ne;
     kmc->kv = static_cast<QUOVIX_KMC_VERTEX *>(
         std::calloc(static_cast<std::size_t>(std::max(nv, 1L)), sizeof(QUOVIX_KMC_VERTEX)));
     if (kmc->kv == nullptr) {
@@ -619,9 +691,11 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
             QUOVIX_KMC_EDGE &ke = kmc->ke[i];
             QUOVIX_GRAPH_EDGE *e = &graph->e[i];
             ke.e = e;
+            ke.a = e->v_i->index;
+            ke.b = e->v_f->index;
             ke.en = e->en;
             ke.l = e->l;
-            ke.r2 = static_cast<double *>(std::calloc(2, sizeof(double)));
+            ke.r2 = static_cast<double *>(std::calloc(1, sizeof(double)));
             if (ke.r2 == nullptr) {
                 std::fprintf(stderr, "Error: unable to allocate kmc->ke[%ld].r2.\n", i);
                 return 1;
@@ -658,6 +732,61 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
                 std::fprintf(stderr, "Error: unable to reallocate kmc->ke[%ld].v_de.\n", i);
                 return 1;
             }
+        }
+        // Edges leaving and entering every vertex (compressed rows, edge order).
+        std::vector<long> out_start(static_cast<std::size_t>(nv) + 1, 0);
+        std::vector<long> in_start(static_cast<std::size_t>(nv) + 1, 0);
+        for (long i = 0; i < ne; ++i) {
+            ++out_start[kmc->ke[i].a + 1];
+            ++in_start[kmc->ke[i].b + 1];
+        }
+        for (long v = 0; v < nv; ++v) {
+            out_start[v + 1] += out_start[v];
+            in_start[v + 1] += in_start[v];
+        }
+        std::vector<long> out_e(static_cast<std::size_t>(ne)), in_e(static_cast<std::size_t>(ne));
+        {
+            std::vector<long> o(out_start.begin(), out_start.end() - 1);
+            std::vector<long> n(in_start.begin(), in_start.end() - 1);
+            for (long i = 0; i < ne; ++i) {
+                out_e[o[kmc->ke[i].a]++] = i;
+                in_e[n[kmc->ke[i].b]++] = i;
+            }
+        }
+        kmc->out_start = copy_out(out_start);
+        kmc->in_start = copy_out(in_start);
+        kmc->out_e = copy_out(out_e);
+        kmc->in_e = copy_out(in_e);
+        if (kmc->out_start == nullptr || kmc->in_start == nullptr ||
+            (ne > 0 && (kmc->out_e == nullptr || kmc->in_e == nullptr))) {
+            std::fputs("Error: unable to allocate kmc adjacency.\n", stderr);
+            return 1;
+        }
+        // Repulsion between the two ends of each edge, and per vertex the saddles it sees.
+        std::vector<std::vector<std::pair<long, double>>> sad(static_cast<std::size_t>(nv));
+        for (long i = 0; i < ne; ++i) {
+            QUOVIX_KMC_EDGE &ke = kmc->ke[i];
+            const QUOVIX_KMC_VERTEX &va = kmc->kv[ke.e->v_i->index];
+            for (int k = 0; k < va.total_v; ++k)
+                if (va.v_n[k] == ke.e->v_f->index) ke.de = va.v_de[k];
+            for (int k = 0; k < ke.total_v; ++k) sad[ke.v_n[k]].emplace_back(i, ke.v_de[k]);
+        }
+        for (long i = 0; i < nv; ++i) {
+            QUOVIX_KMC_VERTEX &kv = kmc->kv[i];
+            if (sad[i].size() > 100000000) return 1;
+            kv.total_s = static_cast<int>(sad[i].size());
+            if (kv.total_s == 0) continue;
+            kv.s_n = static_cast<long *>(std::calloc(sad[i].size(), sizeof(long)));
+            kv.s_de = static_cast<double *>(std::calloc(sad[i].size(), sizeof(double)));
+            if (kv.s_n == nullptr || kv.s_de == nullptr) {
+                std::fprintf(stderr, "Error: unable to allocate kmc->kv[%ld].s_n.\n", i);
+                return 1;
+            }
+            for (int k = 0; k < kv.total_s; ++k) {
+                kv.s_n[k] = sad[i][k].first;
+                kv.s_de[k] = sad[i][k].second;
+            }
+            std::vector<std::pair<long, double>>().swap(sad[i]);
         }
         // e_n: every edge whose rate reads the occupancy of the vertex, i.e. edges that
         // start or end at it or at one of its neighbours, and edges with it near the saddle.
@@ -768,6 +897,7 @@ int quovix_kmc_reset(QUOVIX_KMC *kmc) {
         kmc->ke[i].update = true;
     }
     std::fill(kmc->tree, kmc->tree + 2 * kmc->tree_size, 0.0);
+    recompute_phi(kmc);
     if (start_production(kmc) != 0) return 1;
     kmc->t_total = 0.0;
     if (quovix_kmc_update_rate(kmc) != 0) {

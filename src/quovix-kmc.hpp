@@ -37,6 +37,11 @@ struct QUOVIX_KMC_VERTEX {
     double t_in;    // time of the last arrival on this vertex (ps)
     double en;      // site energy (eV)
     bool update;    // its edges need new rates
+    // Kept up to date hop by hop for the fast step:
+    double phi;  // repulsion of the ions now on v_n (eV)
+    int total_s;
+    long *s_n;     // edges with this vertex near their saddle
+    double *s_de;  // its Coulomb energy at each of those saddles (eV)
 };
 
 /// State of one directed graph edge (hop).
@@ -47,16 +52,19 @@ struct QUOVIX_KMC_EDGE {
     double *v_de;  // their Coulomb energy at the saddle (eV)
     double f;      // attempt frequency (1/ps)
     double r;      // current rate (1/ps)
-    double *r2;    // production statistics: r2[0] hops made, r2[1] time integral of r
-    double t_in;   // time of the last rate change (ps)
+    double *r2;    // r2[0]: hops made along this edge in the production run
     double en;     // saddle energy (eV)
     double l;      // hop length (A)
     bool update;   // rate must be recomputed
+    double de;     // repulsion between the two ends (0 beyond the cut-off) (eV)
+    double phi;    // repulsion of the ions now on v_n at the saddle (eV)
+    long a, b;     // indices of the start and end vertices (copies for the inner loop)
 };
 
 /// The Monte Carlo state. The graph is not owned: free it after the state.
 struct QUOVIX_KMC {
     QUOVIX_GRAPH *graph;
+    long total_v, total_e;  // sizes of kv and ke (the graph's when the state was made)
     QUOVIX_KMC_VERTEX *kv;
     QUOVIX_KMC_EDGE *ke;
     long step;        // production steps so far
@@ -80,6 +88,9 @@ struct QUOVIX_KMC {
     double block_s[QUOVIX_KMC_BLOCKS][4];  // summed squared displacement within each block (A^2)
     double block_t[QUOVIX_KMC_BLOCKS];     // duration of each block (ps)
     double diffusivity_se[4], mobility_se[4], conductivity_se[4];  // standard errors
+    double rate_integral;     // time integral of the total rate over the production run
+    long *out_start, *out_e;  // edges leaving vertex v: out_e[out_start[v] .. out_start[v+1])
+    long *in_start, *in_e;    // edges entering vertex v, likewise
 };
 
 /// Builds the state for a (supercell) graph: Coulomb neighbour lists of vertices and saddles
