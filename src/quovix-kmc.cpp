@@ -917,6 +917,35 @@ int quovix_kmc_init(QUOVIX_KMC *kmc) {
         std::fputs("Error: quovix_kmc_reset() returns non-zero.\n", stderr);
         return 1;
     }
+    // A stoichiometric crystal fills every site its ions occupy, and the only hops left lead
+    // to interstitial minima far up in energy: the run would stall at once. Such a crystal
+    // conducts by vacancies, so one ion (drawn at random) is left out and the run follows
+    // that vacancy: the dilute-vacancy limit at one vacancy per supercell.
+    const QUOVIX_GRAPH *g = kmc->graph;
+    long ions = 0, filled = 0, sites = 0;
+    for (long i = 0; i < g->total_v; ++i) {
+        ions += kmc->kv[i].init ? 1 : 0;
+        if (g->v[i].occ > 0.0) {
+            ++sites;
+            filled += kmc->kv[i].init ? 1 : 0;
+        }
+    }
+    if (ions > 1 && filled == sites && !(kmc->tree[1] >= QUOVIX_KMC_RATE_MIN)) {
+        long pick = static_cast<long>(quovix_kmc_random() * static_cast<double>(ions));
+        for (long i = 0; i < g->total_v; ++i)
+            if (kmc->kv[i].init && pick-- == 0) {
+                kmc->kv[i].init = false;
+                break;
+            }
+        std::printf(
+            "Message: every site of the mobile ion is filled; one ion of %ld is left out to make "
+            "a vacancy.\n",
+            ions);
+        if (quovix_kmc_reset(kmc) != 0) {
+            std::fputs("Error: quovix_kmc_reset() returns non-zero.\n", stderr);
+            return 1;
+        }
+    }
     return 0;
 }
 
@@ -1024,7 +1053,9 @@ int quovix_kmc_calculate_conductivity(QUOVIX_KMC *kmc) {
         std::fputs("Error: quovix_kmc_run() returns non-zero.\n", stderr);
         return 1;
     }
-    if (!(kmc->t > 0.0) || !(g->total_occ > 0.0)) {
+    // Mean over the ions of the run: round(total_occ) of them, one fewer with a vacancy made.
+    const double n_ion = static_cast<double>(kmc->total_ion);
+    if (!(kmc->t > 0.0) || !(n_ion > 0.0)) {
         std::fputs("Error: no simulated time or no mobile ion.\n", stderr);
         return 1;
     }
@@ -1048,7 +1079,7 @@ int quovix_kmc_calculate_conductivity(QUOVIX_KMC *kmc) {
     const double to_mobility = g->os / kmc->temperature * QUOVIX_E_OVER_KB;
     const double to_conductivity = g->c * g->os * QUOVIX_ELEMENTARY_CHARGE * 10.0;
     for (int k = 0; k < 4; ++k) {
-        const double msd = s[k] / g->total_occ;
+        const double msd = s[k] / n_ion;
         const double d = msd / (6.0 * kmc->t);
         const double mu = d * to_mobility;
         kmc->displacement[k] += std::sqrt(msd);
@@ -1068,7 +1099,7 @@ int quovix_kmc_calculate_conductivity(QUOVIX_KMC *kmc) {
             double mean = 0.0;
             double db[QUOVIX_KMC_BLOCKS];
             for (int b = 0; b < nb; ++b) {
-                db[b] = kmc->block_s[b][k] / g->total_occ / (6.0 * kmc->block_t[b]);
+                db[b] = kmc->block_s[b][k] / n_ion / (6.0 * kmc->block_t[b]);
                 mean += db[b];
             }
             mean /= nb;

@@ -339,12 +339,30 @@ TEST(KmcSteps, FastStepFollowsThePlainStep) {
     EXPECT_NEAR(fast->t, plain->t, 1e-9 * plain->t);
 }
 
-TEST(KmcErrors, FrozenIonsAndBadInput) {
-    // Every site taken: no hop is possible.
+TEST(KmcPlacement, FullSitesGetOneVacancy) {
+    // Both sites of a two-site ring filled: one ion is left out and the other hops.
     const double len[3] = {6.0, 10.0, 10.0};
     std::vector<site> sites = {{{0, 0, 0}, 0.0, 1.0}, {{3, 0, 0}, 0.0, 1.0}};
     std::vector<hop> hops = {{0, 1, {0, 0, 0}, 0.3}, {1, 0, {1, 0, 0}, 0.3}};
     quovix_graph_ptr g = make_graph(sites, hops, len);
+    quovix_property_ptr ppt = mobile_ppt(1.0, 0.7, 0.75);
+    quovix_kmc_ptr kmc{quovix_kmc_new(g.get(), ppt.get(), 0.0)};
+    ASSERT_NE(kmc, nullptr);
+    ASSERT_EQ(quovix_kmc_set_parameters(kmc.get(), 300.0, 0.0, 100, 10), 0);
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(quovix_kmc_init(kmc.get()), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Message: every site of the mobile ion is filled; one ion of 2 is left out to make a "
+              "vacancy.\n");
+    EXPECT_NE(kmc->kv[0].occupied, kmc->kv[1].occupied);
+    EXPECT_EQ(quovix_kmc_evolve(kmc.get()), 0);
+}
+
+TEST(KmcErrors, FrozenIonsAndBadInput) {
+    // Two sites without a hop between them: no ion can move.
+    const double len[3] = {6.0, 10.0, 10.0};
+    std::vector<site> sites = {{{0, 0, 0}, 0.0, 1.0}, {{3, 0, 0}, 0.0, 0.0}};
+    quovix_graph_ptr g = make_graph(sites, {}, len);
     quovix_property_ptr ppt = mobile_ppt(1.0, 0.7, 0.75);
     quovix_kmc_ptr kmc{quovix_kmc_new(g.get(), ppt.get(), 0.0)};
     ASSERT_NE(kmc, nullptr);
@@ -373,7 +391,7 @@ TEST(KmcErrors, FrozenIonsAndBadInput) {
     EXPECT_EQ(kmc->step_limit, 10000);
     EXPECT_EQ(kmc->step_log, 100);
     EXPECT_EQ(kmc->t_limit, 0.0);
-    // More ions than sites cannot be placed; null inputs are refused.
+    // More ions than vertices cannot be placed; null inputs are refused.
     g->total_occ = 3.0;
     testing::internal::CaptureStderr();
     EXPECT_EQ(quovix_kmc_init(kmc.get()), 1);
