@@ -6,13 +6,21 @@
 // n = 12 gives 1728 sites and 10368 edges, n = 20 gives 8000 sites and 48000 edges. Both
 // steps run single-threaded on the same state; the counter "steps/s" is the step rate.
 // BM_kmc_run_1e6 times a whole production run of 1e6 fast steps on the n = 12 lattice.
+// Real structures (argument 0: Li10GeP2S12, 1: Li6PS5Cl; Li+, landscape at 0.1 A, sf 0.75,
+// default supercell for a 5 A cut-off, 300 K): plain and fast steps, and 1e6 fast steps.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
 #include <cstdlib>
+#include <map>
+#include <string>
 #include <vector>
 
+#include "bench_common.hpp"
 #include "quovix-alloc.hpp"
+#include "quovix-cube.hpp"
+#include "quovix-fft.hpp"
+#include "quovix-fp.hpp"
 #include "quovix-gh.hpp"
 #include "quovix-kmc.hpp"
 
@@ -137,8 +145,107 @@ void BM_kmc_run_1e6(benchmark::State &state) {
     }
 }
 
+/// Migration graph of a shared structure (landscape at 0.1 A, sf 0.75), replicated by the
+/// default rule for a 5 A cut-off; built once per name, messages silenced.
+struct real_case {
+    quovix_property_ptr ppt;
+    quovix_graph_ptr graph;
+};
+
+real_case &real(const char *name, const char *type) {
+    static std::map<std::string, real_case> cache;
+    auto found = cache.find(name);
+    if (found != cache.end()) return found->second;
+    real_case r;
+    bench::structure st = bench::read_test_cif(name);
+    bench::quiet_stdout quiet;
+    QUOVIX_PROPERTY *raw = nullptr;
+    quovix_cube_ptr cube{st.cell ? quovix_cube_calculate_from_cell(
+                                       &raw, st.cell.get(), st.sym.get(), type, 1, 0.75, 0.1, true,
+                                       bench::kUnitary.c_str(), bench::kBinary.c_str())
+                                 : nullptr};
+    r.ppt.reset(raw);
+    if (cube) {
+        quovix_fpcube_ptr fp{quovix_fpcube_new_from_cube(cube.get())};
+        quovix_fft_ptr fft{quovix_fft_new_from_cube(cube.get())};
+        quovix_fphalf_list_ptr half{fp ? quovix_fphalf_list_new_from_fpcube(fp.get()) : nullptr};
+        if (fft && half && quovix_fphalf_list_filter(half.get(), -1.0) == 0) {
+            quovix_graph_ptr g{
+                quovix_graph_new_filled(half.get(), fft.get(), st.cell.get(), r.ppt.get())};
+            if (g) {
+                int s[3];
+                quovix_kmc_supercell_default(s, g->a, 5.0);
+                const long sl[3] = {s[0], s[1], s[2]};
+                r.graph.reset(quovix_graph_new_supergraph(g.get(), sl));
+            }
+        }
+    }
+    return cache.emplace(name, std::move(r)).first->second;
+}
+
+quovix_kmc_ptr real_state(real_case &r) {
+    if (!r.graph || !r.ppt) return nullptr;
+    bench::quiet_stdout quiet;
+    quovix_kmc_ptr kmc{quovix_kmc_new(r.graph.get(), r.ppt.get(), 5.0)};
+    if (kmc && quovix_kmc_set_parameters(kmc.get(), 300.0, 0.0, 0, 0) == 0) {
+        std::srand(1);
+        if (quovix_kmc_init(kmc.get()) != 0) kmc.reset();
+    }
+    return kmc;
+}
+
+const char *const kReal[][2] = {{"Li10GeP2S12_LGPS.cif", "Li"}, {"Li6PS5Cl_argyrodite.cif", "Li"}};
+
+void real_step_bench(benchmark::State &state, bool plain) {
+    real_case &r = real(kReal[state.range(0)][0], kReal[state.range(0)][1]);
+    quovix_kmc_ptr kmc = real_state(r);
+    if (!kmc) {
+        state.SkipWithError("set-up failed");
+        return;
+    }
+    std::srand(7);
+    long steps = 0;
+    for (auto _ : state) {
+        if ((plain ? quovix_kmc_evolve_plain(kmc.get()) : quovix_kmc_evolve(kmc.get())) != 0) {
+            state.SkipWithError("step failed");
+            return;
+        }
+        ++steps;
+    }
+    state.counters["edges"] = static_cast<double>(r.graph->total_e);
+    state.counters["steps/s"] =
+        benchmark::Counter(static_cast<double>(steps), benchmark::Counter::kIsRate);
+}
+
+void BM_kmc_real_step_plain(benchmark::State &state) { real_step_bench(state, true); }
+void BM_kmc_real_step_fast(benchmark::State &state) { real_step_bench(state, false); }
+
+/// 1e6 fast production steps on the real supercell graph (set-up outside the timing).
+void BM_kmc_real_run_1e6(benchmark::State &state) {
+    real_case &r = real(kReal[state.range(0)][0], kReal[state.range(0)][1]);
+    for (auto _ : state) {
+        state.PauseTiming();
+        quovix_kmc_ptr kmc = real_state(r);
+        if (!kmc) {
+            state.SkipWithError("set-up failed");
+            return;
+        }
+        kmc->step_limit = 1000000;
+        kmc->step_equil = 0;
+        std::srand(3);
+        state.ResumeTiming();
+        if (quovix_kmc_run(kmc.get()) != 0) {
+            state.SkipWithError("run failed");
+            return;
+        }
+    }
+}
+
 }  // namespace
 
+BENCHMARK(BM_kmc_real_step_plain)->DenseRange(0, 1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_kmc_real_step_fast)->DenseRange(0, 1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_kmc_real_run_1e6)->DenseRange(0, 1)->Unit(benchmark::kSecond)->Iterations(1);
 BENCHMARK(BM_kmc_step_plain)->Arg(12)->Arg(20)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_kmc_step_fast)->Arg(12)->Arg(20)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_kmc_run_1e6)->Unit(benchmark::kSecond)->Iterations(1);

@@ -238,7 +238,7 @@ void shift_phi_vertices(QUOVIX_KMC *kmc, long v, double sign) {
     for (int k = 0; k < kv.total_v; ++k) kmc->kv[kv.v_n[k]].phi += sign * kv.v_de[k];
 }
 
-/// The same for the saddle sums (the plain step; the fast one folds it into its refresh).
+/// The same for the sums at the saddles near v.
 void shift_phi_saddles(QUOVIX_KMC *kmc, long v, double sign) {
     const QUOVIX_KMC_VERTEX &kv = kmc->kv[v];
     for (int k = 0; k < kv.total_s; ++k) kmc->ke[kv.s_n[k]].phi += sign * kv.s_de[k];
@@ -259,19 +259,22 @@ void set_rate(QUOVIX_KMC *kmc, long i, double r) {
 /// hops into it, besides the hops out of a and into b, which just stopped.
 void update_rate_local(QUOVIX_KMC *kmc, long a, long b) {
     QUOVIX_KMC_VERTEX *kv = kmc->kv;
+    QUOVIX_KMC_EDGE *ke = kmc->ke;
     shift_phi_vertices(kmc, a, -1.0);
     shift_phi_vertices(kmc, b, 1.0);
-    for (long v : {a, b}) {
-        const double sign = v == a ? -1.0 : 1.0;
-        for (int k = 0; k < kv[v].total_s; ++k) {
-            const long i = kv[v].s_n[k];
-            kmc->ke[i].phi += sign * kv[v].s_de[k];
-            set_rate(kmc, i, edge_rate_fast(kmc, i));
-        }
-    }
+    shift_phi_saddles(kmc, a, -1.0);
+    shift_phi_saddles(kmc, b, 1.0);
+    // Every sum is final now; each edge is recomputed once (the stamp skips repeats).
+    const long stamp = ++kmc->refresh;
+    auto refresh_edge = [&](long i) {
+        if (ke[i].stamp == stamp) return;
+        ke[i].stamp = stamp;
+        set_rate(kmc, i, edge_rate_fast(kmc, i));
+    };
+    for (long v : {a, b})
+        for (int k = 0; k < kv[v].total_s; ++k) refresh_edge(kv[v].s_n[k]);
     auto refresh = [&](const long *start, const long *edge, long v) {
-        for (long k = start[v]; k < start[v + 1]; ++k)
-            set_rate(kmc, edge[k], edge_rate_fast(kmc, edge[k]));
+        for (long k = start[v]; k < start[v + 1]; ++k) refresh_edge(edge[k]);
     };
     refresh(kmc->out_start, kmc->out_e, a);
     refresh(kmc->in_start, kmc->in_e, b);

@@ -59,6 +59,7 @@ struct QUOVIX_KMC_EDGE {
     double de;     // repulsion between the two ends (0 beyond the cut-off) (eV)
     double phi;    // repulsion of the ions now on v_n at the saddle (eV)
     long a, b;     // indices of the start and end vertices (copies for the inner loop)
+    long stamp;    // last fast refresh that recomputed this rate
 };
 
 /// The Monte Carlo state. The graph is not owned: free it after the state.
@@ -91,6 +92,7 @@ struct QUOVIX_KMC {
     double rate_integral;     // time integral of the total rate over the production run
     long *out_start, *out_e;  // edges leaving vertex v: out_e[out_start[v] .. out_start[v+1])
     long *in_start, *in_e;    // edges entering vertex v, likewise
+    long refresh;             // fast refreshes so far (stamps of the edges)
 };
 
 /// Builds the state for a (supercell) graph: Coulomb neighbour lists of vertices and saddles
