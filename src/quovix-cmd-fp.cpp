@@ -227,7 +227,7 @@ void quovix_cmd_opt_do_fft(QUOVIX_CMD_OPT *opt) {
         const double grad =
             std::sqrt(dot.f[0] * dot.f[0] + dot.f[1] * dot.f[1] + dot.f[2] * dot.f[2]);
         std::fprintf(csv.get(),
-                     "%ld,%s,%ld,%ld,%ld,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6e,%.6e,%.6e,%.6e,"
+                     "%ld,%s,%ld,%ld,%ld,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,"
                      "%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f\n",
                      m, kind->word, x[0], x[1], x[2], double(x[0]) / double(g.n[0]),
                      double(x[1]) / double(g.n[1]), double(x[2]) / double(g.n[2]), dot.x[0],
