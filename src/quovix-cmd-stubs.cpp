@@ -46,50 +46,6 @@ void quovix_cmd_opt_do_gen_cube_tot_eam(QUOVIX_CMD_OPT *) {
          "Example: ./quovix.x --gen-cube-tot-eam Li2O.cif Li 1\n"});
 }
 
-void quovix_cmd_opt_do_fft(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --fft [input.cube] | {flag:periodic}\n\n",
-                 "Command: Fourier analysis of a cube: critical points with eigenvalues and "
-                 "eigenvectors.\n",
-                 "Example: ./quovix.x --fft Li2O.cube\n"});
-}
-
-void quovix_cmd_opt_do_fft_cubes(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --fft-cubes [input.cube] | {flag:periodic}\n\n",
-                 "Command: Fourier analysis writing force, force-constant, laplacian and slope "
-                 "cubes.\n",
-                 "Example: ./quovix.x --fft-cubes Li2O.cube\n"});
-}
-
-void quovix_cmd_opt_do_fp_map(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --fp-map [input.cube] | {barrier_max} {flag:periodic} {output_name}\n\n",
-                 "Command: {barrier_max}: Only paths with barrier below this value are shown. If "
-                 "set to non-positive value, all paths are shown. Default -0.1.\n",
-                 "Command: {flag:periodic}: if set to true, cube file is treated as periodic. "
-                 "Default true.\n",
-                 "Command: generates a cif file representing paths in the provided cube.\n",
-                 "         H : path dots.\n", "         Li: local minimum.\n",
-                 "         Na: saddle point of 1st type.\n",
-                 "         K: saddle point of 2st type.\n", "         Rb: local maximum.\n",
-                 "Example: ./quovix.x --fp-map Li2O.cube\n"});
-}
-
-void quovix_cmd_opt_do_gh(QUOVIX_CMD_OPT *) {
-    print_lines(
-        {"Command: --gh [input.cif] [input.cube] [type] [os] | {barrier_max} "
-         "{flag:periodic}\n\n",
-         "Command: [type]: type of conducting ions.\n",
-         "Command: [os]: oxidation state of conducting ions.\n",
-         "Command: {barrier_max}: Only paths with barrier below this value are shown. If "
-         "set to non-positive value, all paths are considered. Default -0.1.\n",
-         "Command: {flag:periodic}: if set to true, cube file is treated as periodic. "
-         "Default true.\n",
-         "Command: analyze the conduction pathway of the given cube file and attempt to "
-         "label sites according to the given cif file. Percolation thresholds are printed "
-         "to screen, while corresponding pathway files are generated in cif format. "
-         "Additionally, a summary of the pathway if generated in csv txt format.\n",
-         "Example: ./quovix.x --gh Li2O.cif Li2O.cube Li 1\n"});
-}
-
 void quovix_cmd_opt_do_kmc(QUOVIX_CMD_OPT *) {
     std::printf(
         "Command: --kmc [input.cif] [input.cube] {type} {os} | {s0 s1 s2} {sf} {temperature} "
@@ -127,12 +83,6 @@ void quovix_cmd_opt_do_kmc(QUOVIX_CMD_OPT *) {
     std::printf("Example: ./quovix.x --kmc Li2O.cif Li2O.cube Li 1\n");
     std::printf(
         "Example: ./quovix.x --kmc AgI-a.cif AgI-a.cube Ag 1 2 2 2 -1 600 1000000 -1 -1 -0.1\n");
-}
-
-void quovix_cmd_opt_do_sites(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --sites [input.cif] [input.cube] [type] [os]\n\n",
-                 "Command: prints a summary of sites based on graph analysis.\n",
-                 "Example: ./quovix.x --sites Li2O.cif Li2O.cube Li 1\n"});
 }
 
 void quovix_cmd_opt_do_md(QUOVIX_CMD_OPT *) {
