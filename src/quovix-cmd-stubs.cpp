@@ -46,45 +46,6 @@ void quovix_cmd_opt_do_gen_cube_tot_eam(QUOVIX_CMD_OPT *) {
          "Example: ./quovix.x --gen-cube-tot-eam Li2O.cif Li 1\n"});
 }
 
-void quovix_cmd_opt_do_kmc(QUOVIX_CMD_OPT *) {
-    std::printf(
-        "Command: --kmc [input.cif] [input.cube] {type} {os} | {s0 s1 s2} {sf} {temperature} "
-        "{t_limit} {step_limit} {step_log} {cutoff}\n\n");
-    std::printf("Command: {type}: type of conducting ions.\n");
-    std::printf("Command: {os}: oxidation state of conducting ions.\n");
-    std::printf(
-        "Command: {s1 s2 s3}: three positive integers defining the supercell. If missing or any "
-        "of the three integers is non-positive, a default algorithm is triggered to generate the "
-        "supercell.\n");
-    std::printf(
-        "Command: {sf}: screening factor. If set to non-positive value, automatic calculation is "
-        "triggered. Default: -0.1.\n");
-    std::printf(
-        "Command: {temperature}: in K. If set to non-positive value, default value is used. "
-        "Default: -0.1.\n");
-    std::printf(
-        "Command: {t_limit}: in picosecond. Negative number to use default value; set to 0.0 to "
-        "turn off limiting by time. Default: %.0lf ps.\n",
-        0.0);
-    std::printf(
-        "Command: {step_limit}: limiting number of steps. Negative or larger than {step_limit} "
-        "means using the default. Default: %ld.\n",
-        10000L);
-    std::printf(
-        "Command: {step_log}: number of steps between two log records. Non-positive to use the "
-        "default value.\n");
-    std::printf(
-        "Command: {cutoff}: the cutoff radius within which the coulomb repulsion is considered. "
-        "If set to non-positive value, default value is used. Default: %.3lf\n",
-        5.0);
-    std::printf(
-        "Command: calculates conductivity by kinetic monte carlo method, importing cube file to "
-        "skip the generation of cube.\n");
-    std::printf("Example: ./quovix.x --kmc Li2O.cif Li2O.cube Li 1\n");
-    std::printf(
-        "Example: ./quovix.x --kmc AgI-a.cif AgI-a.cube Ag 1 2 2 2 -1 600 1000000 -1 -1 -0.1\n");
-}
-
 void quovix_cmd_opt_do_md(QUOVIX_CMD_OPT *) {
     std::printf(
         "Command: --md [input.cif] {type} {os} | {sf} {temperature} {t_end} {t_equil} {dt} "
