@@ -21,6 +21,7 @@ import json
 import math
 import os
 import re
+import resource
 import shutil
 import subprocess
 import sys
@@ -236,10 +237,12 @@ class Runner:
     def __init__(self, exe, workdir, timeout):
         self.exe, self.workdir, self.timeout = exe, workdir, timeout
         self.times = {}
+        self.cpu = {}  # CPU seconds of quovix.x per step (user + system)
 
     def run(self, step, key, args):
         """Runs quovix.x in the work directory; keeps stdout/stderr as <step>.log/.err."""
         t0 = time.monotonic()
+        u0 = resource.getrusage(resource.RUSAGE_CHILDREN)
         try:
             res = subprocess.run([self.exe] + args, cwd=self.workdir, capture_output=True,
                                  text=True, errors="replace",
@@ -250,6 +253,9 @@ class Runner:
         except OSError as e:
             raise StepFailed(step, "cannot run %s: %s" % (self.exe, e))
         self.times[key] = self.times.get(key, 0.0) + time.monotonic() - t0
+        u1 = resource.getrusage(resource.RUSAGE_CHILDREN)
+        self.cpu[key] = self.cpu.get(key, 0.0) + (u1.ru_utime - u0.ru_utime) + \
+            (u1.ru_stime - u0.ru_stime)
         with open(os.path.join(self.workdir, step + ".log"), "w") as f:
             f.write(res.stdout)
         with open(os.path.join(self.workdir, step + ".err"), "w") as f:
@@ -382,6 +388,7 @@ def finish(rec, r, notes, t_start):
     for k in ("t_os_s", "t_bv_s", "t_cube_s", "t_gh_s", "t_kmc_s"):
         rec[k] = round(r.times[k], 3) if k in r.times else None
     rec["t_total_s"] = round(time.monotonic() - t_start, 3)
+    rec["cpu_s"] = {k: round(v, 3) for k, v in r.cpu.items()}
     rec["note"] = "; ".join(notes) if notes else None
     return rec
 
