@@ -199,7 +199,7 @@ def looks_like_cif(path):
         head = f.read(1 << 20)
     if b"\0" in head:
         return False
-    return re.search(rb"(^|\n)\s*data_\S*", head) is not None
+    return re.search(rb"(^|\n)[ \t]*data_", head, re.I) is not None
 
 
 # --------------------------------------------------------------------------- writing
@@ -385,6 +385,12 @@ def screen(a):
 
 
 def finish(rec, r, notes, t_start):
+    # A value the program printed as inf or nan is no result: it stays empty, with a note.
+    bad = [k for k, v in rec.items() if isinstance(v, float) and not math.isfinite(v)]
+    for k in bad:
+        rec[k] = None
+    if bad:
+        notes.append("not a finite number: " + ", ".join(bad))
     for k in ("t_os_s", "t_bv_s", "t_cube_s", "t_gh_s", "t_kmc_s"):
         rec[k] = round(r.times[k], 3) if k in r.times else None
     rec["t_total_s"] = round(time.monotonic() - t_start, 3)
