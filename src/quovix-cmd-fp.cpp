@@ -87,6 +87,10 @@ const critical_kind *critical(int type, int total_dn) {
     return nullptr;
 }
 
+/// Adding +0.0 turns a negative zero (a product with a zero multiplier) into +0.0, so that
+/// exact zeros print without a sign.
+inline double unsigned_zero(double v) { return v + 0.0; }
+
 /// Shared argument handling of --fft and --fft-cubes: [input.cube] | {flag:periodic}
 /// {output_prefix}. False when the usage block was printed.
 bool fft_args(QUOVIX_CMD_OPT *opt, std::initializer_list<const char *> usage, const char *&input,
@@ -146,7 +150,8 @@ int write_cube(const char *path, const std::string &header, const std::vector<do
         for (long j = 0; j < n[1] + extra; j++)
             for (long k = 0; k < n[2] + extra; k++) {
                 const long q = ((i % n[0]) * n[1] + (j % n[1])) * n[2] + (k % n[2]);
-                std::fprintf(out.get(), " %12.6f\r\n", values[static_cast<std::size_t>(q)]);
+                std::fprintf(out.get(), " %12.6f\r\n",
+                             unsigned_zero(values[static_cast<std::size_t>(q)]));
             }
     if (out.commit()) return 1;
     std::printf("Message: cube file saved to %s.\n", path);
@@ -231,9 +236,13 @@ void quovix_cmd_opt_do_fft(QUOVIX_CMD_OPT *opt) {
                      "%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f,%.6f\n",
                      m, kind->word, x[0], x[1], x[2], double(x[0]) / double(g.n[0]),
                      double(x[1]) / double(g.n[1]), double(x[2]) / double(g.n[2]), dot.x[0],
-                     dot.x[1], dot.x[2], dot.en, grad, dot.eig[0], dot.eig[1], dot.eig[2],
-                     dot.eiv[0][0], dot.eiv[0][1], dot.eiv[0][2], dot.eiv[1][0], dot.eiv[1][1],
-                     dot.eiv[1][2], dot.eiv[2][0], dot.eiv[2][1], dot.eiv[2][2]);
+                     dot.x[1], dot.x[2], dot.en, grad, unsigned_zero(dot.eig[0]),
+                     unsigned_zero(dot.eig[1]), unsigned_zero(dot.eig[2]),
+                     unsigned_zero(dot.eiv[0][0]), unsigned_zero(dot.eiv[0][1]),
+                     unsigned_zero(dot.eiv[0][2]), unsigned_zero(dot.eiv[1][0]),
+                     unsigned_zero(dot.eiv[1][1]), unsigned_zero(dot.eiv[1][2]),
+                     unsigned_zero(dot.eiv[2][0]), unsigned_zero(dot.eiv[2][1]),
+                     unsigned_zero(dot.eiv[2][2]));
         QUOVIX_ATOM &atom = cell->atom[m++];
         std::snprintf(atom.name, sizeof atom.name, "%s", kind->name);
         std::snprintf(atom.type, sizeof atom.type, "%s", kind->element);

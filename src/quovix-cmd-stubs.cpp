@@ -7,45 +7,6 @@ constexpr auto print_lines = &quovix_cmd_print_lines;  // usage blocks, line by 
 
 }  // namespace
 
-void quovix_cmd_opt_do_gen_cube_gii(QUOVIX_CMD_OPT *) {
-    print_lines(
-        {"Command: --gen-cube-gii [input.cif] [type] [os] | {resolution} "
-         "{flag:periodic} {output_name}\n\n",
-         "Command: [type] the element type of conducting ion, two characters.\n",
-         "Command: [os] the oxidation state of conducting ion, integer.\n",
-         "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
-         "Command: {flag:periodic}: if set to true, generated cube file contains voxels "
-         "along boundaries only once. Default true.\n",
-         "Command: generates the static GII landscape of the conducting ion.\n",
-         "Example: ./quovix.x --gen-cube-gii Li2O.cif Li 1\n"});
-}
-
-void quovix_cmd_opt_do_gen_cube_tot(QUOVIX_CMD_OPT *) {
-    print_lines(
-        {"Command: --gen-cube-tot [input.cif] [type] [os] | {sf} {resolution} "
-         "{flag:periodic} {output_name}\n\n",
-         "Command: [type] the element type of conducting ion, two characters.\n",
-         "Command: [os] the oxidation state of conducting ion, integer.\n",
-         "Command: {sf}: screening factor. If set to non-positive value, automatic "
-         "calculation is triggered. Default -0.1.\n",
-         "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
-         "Command: generates the total energy landscape of the conducting ion.\n",
-         "Example: ./quovix.x --gen-cube-tot Li2O.cif Li 1\n"});
-}
-
-void quovix_cmd_opt_do_gen_cube_tot_eam(QUOVIX_CMD_OPT *) {
-    print_lines(
-        {"Command: --gen-cube-tot-eam [input.cif] [type] [os] | {sf} {resolution} "
-         "{flag:periodic} {output_name}\n\n",
-         "Command: [type] the element type of conducting ion, two characters.\n",
-         "Command: [os] the oxidation state of conducting ion, integer.\n",
-         "Command: {sf}: screening factor. If set to non-positive value, automatic "
-         "calculation is triggered. Default -0.1.\n",
-         "Command: {resolution}: preferred seperation between voxels. Default 0.1.\n",
-         "Command: generates the total energy landscape with the EAM term.\n",
-         "Example: ./quovix.x --gen-cube-tot-eam Li2O.cif Li 1\n"});
-}
-
 void quovix_cmd_opt_do_md(QUOVIX_CMD_OPT *) {
     std::printf(
         "Command: --md [input.cif] {type} {os} | {sf} {temperature} {t_end} {t_equil} {dt} "

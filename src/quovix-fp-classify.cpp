@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -366,28 +367,34 @@ QUOVIX_FPCUBE *quovix_fpcube_new_from_cube(QUOVIX_CUBE *cube) {
     return quovix_guard("the path map work arrays", [&]() -> QUOVIX_FPCUBE * {
         std::vector<std::string> warnings(static_cast<std::size_t>(n0));
         QUOVIX_FPCUBE *g = fp.get();
-#pragma omp parallel for schedule(dynamic, 1)
+        bool failed = false;  // an exception must not leave the parallel region
+#pragma omp parallel for schedule(dynamic, 1) reduction(|| : failed)
         for (long i = 0; i < n0; i++) {
             double e[27];
             quovix_fp_point pt;
             std::string &warn = warnings[static_cast<std::size_t>(i)];
-            for (long j = 0; j < n1; j++)
-                for (long k = 0; k < n2; k++) {
-                    gather(e, g, i, j, k);
-                    quovix_fp_point_cluster(pt.cluster, e);
-                    quovix_fp_point_classify(pt, e);
-                    const long q = (i * n1 + j) * n2 + k;
-                    g->type[q] = static_cast<signed char>(pt.type);
-                    g->total_up[q] = static_cast<signed char>(pt.total_up);
-                    g->total_dn[q] = static_cast<signed char>(pt.total_dn);
-                    for (int m = 0; m < QUOVIX_FPCUBE_DN_KEPT; m++)
-                        g->dn[q][m] = m < pt.n_dn ? pt.dn[m] : QUOVIX_FPCUBE_SELF;
-                    if (pt.warn) {
-                        const long x[3] = {i, j, k};
-                        quovix_fp_point_warnings(warn, pt, x);
+            try {
+                for (long j = 0; j < n1; j++)
+                    for (long k = 0; k < n2; k++) {
+                        gather(e, g, i, j, k);
+                        quovix_fp_point_cluster(pt.cluster, e);
+                        quovix_fp_point_classify(pt, e);
+                        const long q = (i * n1 + j) * n2 + k;
+                        g->type[q] = static_cast<signed char>(pt.type);
+                        g->total_up[q] = static_cast<signed char>(pt.total_up);
+                        g->total_dn[q] = static_cast<signed char>(pt.total_dn);
+                        for (int m = 0; m < QUOVIX_FPCUBE_DN_KEPT; m++)
+                            g->dn[q][m] = m < pt.n_dn ? pt.dn[m] : QUOVIX_FPCUBE_SELF;
+                        if (pt.warn) {
+                            const long x[3] = {i, j, k};
+                            quovix_fp_point_warnings(warn, pt, x);
+                        }
                     }
-                }
+            } catch (...) {
+                failed = true;
+            }
         }
+        if (failed) throw std::bad_alloc();
         for (const std::string &w : warnings) std::fputs(w.c_str(), stdout);
         return fp.release();
     });

@@ -1,6 +1,7 @@
 // Path map: known answers on cosine landscapes, identity of the compact grid with the literal
 // record grid, filter and cap boundaries.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <cmath>
 #include <cstdio>
@@ -106,6 +107,9 @@ Outcome run(QUOVIX_CUBE *cube, double barrier_max, bool literal) {
 
 void expect_same_as_literal(QUOVIX_CUBE *cube, double barrier_max) {
     testing::internal::CaptureStderr();
+    omp_set_num_threads(1);
+    const Outcome one = run(cube, barrier_max, false);
+    omp_set_num_threads(2);
     const Outcome fast = run(cube, barrier_max, false);
     const Outcome lit = run(cube, barrier_max, true);
     const std::string err = testing::internal::GetCapturedStderr();
@@ -113,6 +117,7 @@ void expect_same_as_literal(QUOVIX_CUBE *cube, double barrier_max) {
     EXPECT_EQ(fast.out, lit.out);
     EXPECT_EQ(fast.paths, lit.paths);
     EXPECT_EQ(fast.cell, lit.cell);
+    EXPECT_EQ(one.out + one.paths + one.cell, fast.out + fast.paths + fast.cell);  // threads
 }
 
 }  // namespace
