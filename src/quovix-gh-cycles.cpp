@@ -485,17 +485,18 @@ bool quovix_graph_cycles_is_connected(QUOVIX_GRAPH_CYCLE **cycles, long count) {
                 if (x->e[p]->v_i == y->e[q]->v_i) return true;
         return false;
     };
-    bool marked[64] = {};
-    if (count > 64) return false;
-    for (long i = 0; i < count; ++i) {
-        for (long j = i + 1; j < count; ++j) {
-            if (marked[j]) continue;
-            if (touch(cycles[i], cycles[j])) {
-                marked[i] = true;
-                marked[j] = true;
+    return quovix_guard("cycle marks", [&]() -> bool {
+        std::vector<char> marked(static_cast<std::size_t>(count), 0);
+        for (long i = 0; i < count; ++i) {
+            for (long j = i + 1; j < count; ++j) {
+                if (marked[j]) continue;
+                if (touch(cycles[i], cycles[j])) {
+                    marked[i] = 1;
+                    marked[j] = 1;
+                }
             }
+            if (!marked[i]) return false;
         }
-        if (!marked[i]) return false;
-    }
-    return true;
+        return true;
+    });
 }
