@@ -6,8 +6,9 @@
 // n = 12 gives 1728 sites and 10368 edges, n = 20 gives 8000 sites and 48000 edges. Both
 // steps run single-threaded on the same state; the counter "steps/s" is the step rate.
 // BM_kmc_run_1e6 times a whole production run of 1e6 fast steps on the n = 12 lattice.
-// Real structures (argument 0: Li10GeP2S12, 1: Li6PS5Cl; Li+, landscape at 0.1 A, sf 0.75,
-// default supercell for a 5 A cut-off, 300 K): plain and fast steps, and 1e6 fast steps.
+// Real structures (argument 0: Li10GeP2S12, 1: Li6PS5Cl, default supercell for a 5 A cut-off;
+// 2: Li6PS5Cl in a 3x3x3 supercell; Li+, landscape at 0.1 A, sf 0.75, 300 K): plain and fast
+// steps, and 1e6 fast steps on the default supercells.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -152,9 +153,10 @@ struct real_case {
     quovix_graph_ptr graph;
 };
 
-real_case &real(const char *name, const char *type) {
+real_case &real(const char *name, const char *type, int replicas) {
     static std::map<std::string, real_case> cache;
-    auto found = cache.find(name);
+    const std::string key = std::string(name) + "/" + std::to_string(replicas);
+    auto found = cache.find(key);
     if (found != cache.end()) return found->second;
     real_case r;
     bench::structure st = bench::read_test_cif(name);
@@ -173,14 +175,14 @@ real_case &real(const char *name, const char *type) {
             quovix_graph_ptr g{
                 quovix_graph_new_filled(half.get(), fft.get(), st.cell.get(), r.ppt.get())};
             if (g) {
-                int s[3];
-                quovix_kmc_supercell_default(s, g->a, 5.0);
+                int s[3] = {replicas, replicas, replicas};
+                if (replicas <= 0) quovix_kmc_supercell_default(s, g->a, 5.0);
                 const long sl[3] = {s[0], s[1], s[2]};
                 r.graph.reset(quovix_graph_new_supergraph(g.get(), sl));
             }
         }
     }
-    return cache.emplace(name, std::move(r)).first->second;
+    return cache.emplace(key, std::move(r)).first->second;
 }
 
 quovix_kmc_ptr real_state(real_case &r) {
@@ -194,10 +196,18 @@ quovix_kmc_ptr real_state(real_case &r) {
     return kmc;
 }
 
-const char *const kReal[][2] = {{"Li10GeP2S12_LGPS.cif", "Li"}, {"Li6PS5Cl_argyrodite.cif", "Li"}};
+struct real_name {
+    const char *cif;
+    const char *type;
+    int replicas;  // per axis; 0: the default supercell
+};
+const real_name kReal[] = {{"Li10GeP2S12_LGPS.cif", "Li", 0},
+                           {"Li6PS5Cl_argyrodite.cif", "Li", 0},
+                           {"Li6PS5Cl_argyrodite.cif", "Li", 3}};
 
 void real_step_bench(benchmark::State &state, bool plain) {
-    real_case &r = real(kReal[state.range(0)][0], kReal[state.range(0)][1]);
+    real_case &r =
+        real(kReal[state.range(0)].cif, kReal[state.range(0)].type, kReal[state.range(0)].replicas);
     quovix_kmc_ptr kmc = real_state(r);
     if (!kmc) {
         state.SkipWithError("set-up failed");
@@ -222,7 +232,8 @@ void BM_kmc_real_step_fast(benchmark::State &state) { real_step_bench(state, fal
 
 /// 1e6 fast production steps on the real supercell graph (set-up outside the timing).
 void BM_kmc_real_run_1e6(benchmark::State &state) {
-    real_case &r = real(kReal[state.range(0)][0], kReal[state.range(0)][1]);
+    real_case &r =
+        real(kReal[state.range(0)].cif, kReal[state.range(0)].type, kReal[state.range(0)].replicas);
     for (auto _ : state) {
         state.PauseTiming();
         quovix_kmc_ptr kmc = real_state(r);
@@ -243,8 +254,8 @@ void BM_kmc_real_run_1e6(benchmark::State &state) {
 
 }  // namespace
 
-BENCHMARK(BM_kmc_real_step_plain)->DenseRange(0, 1)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_kmc_real_step_fast)->DenseRange(0, 1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_kmc_real_step_plain)->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_kmc_real_step_fast)->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_kmc_real_run_1e6)->DenseRange(0, 1)->Unit(benchmark::kSecond)->Iterations(1);
 BENCHMARK(BM_kmc_step_plain)->Arg(12)->Arg(20)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_kmc_step_fast)->Arg(12)->Arg(20)->Unit(benchmark::kMicrosecond);

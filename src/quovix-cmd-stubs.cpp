@@ -1,12 +1,6 @@
 // Commands whose calculation is not available in this build: each prints its usage block.
 #include "quovix-cmd.hpp"
 
-namespace {
-
-constexpr auto print_lines = &quovix_cmd_print_lines;  // usage blocks, line by line
-
-}  // namespace
-
 void quovix_cmd_opt_do_md(QUOVIX_CMD_OPT *) {
     std::printf(
         "Command: --md [input.cif] {type} {os} | {sf} {temperature} {t_end} {t_equil} {dt} "

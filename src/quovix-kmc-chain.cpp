@@ -127,6 +127,10 @@ int chain(double &sigma, const char *cifname, const char *cubename, const char *
         return 1;
     }
     if (quovix_kmc_check_parameters(temperature, t_limit) != 0) return 1;
+    if (step_limit == 0 && !(t_limit > 0.0)) {
+        std::fputs("Error: t_limit and step_limit cannot both be zero.\n", stderr);
+        return 1;
+    }
     if (std::isnan(cutoff) || std::isinf(cutoff)) {
         std::fputs("Error: wrong parameter cutoff.\n", stderr);
         return 1;

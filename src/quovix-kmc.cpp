@@ -190,11 +190,9 @@ double rate_from(const QUOVIX_KMC *kmc, double f, double ea, double eb, double e
 /// repulsion on the start site read from phi (the end site is empty) and that on the end
 /// site from phi less the mover's own share.
 double edge_rate_fast(const QUOVIX_KMC *kmc, long i) {
-    const QUOVIX_KMC_EDGE &ke = kmc->ke[i];
-    const QUOVIX_KMC_VERTEX &va = kmc->kv[ke.a];
-    const QUOVIX_KMC_VERTEX &vb = kmc->kv[ke.b];
-    if (!va.occupied || vb.occupied) return 0.0;
-    return rate_from(kmc, ke.f, va.en + va.phi, vb.en + vb.phi - ke.de, ke.en + ke.phi);
+    const QUOVIX_KMC_HOT &h = kmc->hot[i];
+    if (!kmc->site_occ[h.a] || kmc->site_occ[h.b]) return 0.0;
+    return rate_from(kmc, h.f, kmc->site_e[h.a], kmc->site_e[h.b] - h.de, h.es);
 }
 
 /// Rate of edge i in the current occupancy (1/ps), summing the neighbours literally.
@@ -219,36 +217,40 @@ double edge_rate(const QUOVIX_KMC *kmc, long i) {
 /// The running interaction sums from scratch.
 void recompute_phi(QUOVIX_KMC *kmc) {
     QUOVIX_KMC_VERTEX *kv = kmc->kv;
+    for (long i = 0; i < kmc->graph->total_v; ++i) kmc->site_occ[i] = kv[i].occupied;
     for (long i = 0; i < kmc->graph->total_v; ++i) {
-        kv[i].phi = 0.0;
+        double phi = 0.0;
         for (int k = 0; k < kv[i].total_v; ++k)
-            if (kv[kv[i].v_n[k]].occupied) kv[i].phi += kv[i].v_de[k];
+            if (kv[kv[i].v_n[k]].occupied) phi += kv[i].v_de[k];
+        kmc->site_e[i] = kv[i].en + phi;
     }
     for (long i = 0; i < kmc->graph->total_e; ++i) {
-        QUOVIX_KMC_EDGE &ke = kmc->ke[i];
-        ke.phi = 0.0;
+        const QUOVIX_KMC_EDGE &ke = kmc->ke[i];
+        double phi = 0.0;
         for (int k = 0; k < ke.total_v; ++k)
-            if (kv[ke.v_n[k]].occupied) ke.phi += ke.v_de[k];
+            if (kv[ke.v_n[k]].occupied) phi += ke.v_de[k];
+        kmc->hot[i].es = ke.en + phi;
     }
 }
 
 /// An ion leaves (sign -1) or arrives on (+1) vertex v: the site sums around it follow.
 void shift_phi_vertices(QUOVIX_KMC *kmc, long v, double sign) {
     const QUOVIX_KMC_VERTEX &kv = kmc->kv[v];
-    for (int k = 0; k < kv.total_v; ++k) kmc->kv[kv.v_n[k]].phi += sign * kv.v_de[k];
+    for (int k = 0; k < kv.total_v; ++k) kmc->site_e[kv.v_n[k]] += sign * kv.v_de[k];
 }
 
 /// The same for the sums at the saddles near v.
 void shift_phi_saddles(QUOVIX_KMC *kmc, long v, double sign) {
     const QUOVIX_KMC_VERTEX &kv = kmc->kv[v];
-    for (int k = 0; k < kv.total_s; ++k) kmc->ke[kv.s_n[k]].phi += sign * kv.s_de[k];
+    for (int k = 0; k < kv.total_s; ++k) kmc->hot[kv.s_n[k]].es += sign * kv.s_de[k];
 }
 
 /// New rate of edge i; the sum tree follows.
 void set_rate(QUOVIX_KMC *kmc, long i, double r) {
-    QUOVIX_KMC_EDGE &ke = kmc->ke[i];
-    if (r == ke.r) return;
-    ke.r = r;
+    QUOVIX_KMC_HOT &h = kmc->hot[i];
+    if (r == h.r) return;
+    h.r = r;
+    kmc->ke[i].r = r;
     tree_set(kmc->tree, kmc->tree_size, i, r);
 }
 
@@ -259,7 +261,7 @@ void set_rate(QUOVIX_KMC *kmc, long i, double r) {
 /// hops into it, besides the hops out of a and into b, which just stopped.
 void update_rate_local(QUOVIX_KMC *kmc, long a, long b) {
     QUOVIX_KMC_VERTEX *kv = kmc->kv;
-    QUOVIX_KMC_EDGE *ke = kmc->ke;
+    QUOVIX_KMC_HOT *hot = kmc->hot;
     shift_phi_vertices(kmc, a, -1.0);
     shift_phi_vertices(kmc, b, 1.0);
     shift_phi_saddles(kmc, a, -1.0);
@@ -267,8 +269,8 @@ void update_rate_local(QUOVIX_KMC *kmc, long a, long b) {
     // Every sum is final now; each edge is recomputed once (the stamp skips repeats).
     const long stamp = ++kmc->refresh;
     auto refresh_edge = [&](long i) {
-        if (ke[i].stamp == stamp) return;
-        ke[i].stamp = stamp;
+        if (hot[i].stamp == stamp) return;
+        hot[i].stamp = stamp;
         set_rate(kmc, i, edge_rate_fast(kmc, i));
     };
     for (long v : {a, b})
@@ -281,7 +283,7 @@ void update_rate_local(QUOVIX_KMC *kmc, long a, long b) {
     auto visit = [&](long w) {
         if (kv[w].update) return;
         kv[w].update = true;
-        if (kv[w].occupied)
+        if (kmc->site_occ[w])
             refresh(kmc->out_start, kmc->out_e, w);
         else
             refresh(kmc->in_start, kmc->in_e, w);
@@ -318,6 +320,8 @@ void hop(QUOVIX_KMC *kmc, long i) {
     va.t += kmc->t - va.t_in;
     va.occupied = false;
     vb.occupied = true;
+    kmc->site_occ[a] = false;
+    kmc->site_occ[b] = true;
     vb.origin = o;
     vb.t_in = kmc->t;
     kmc->ke[i].r2[0] += 1.0;
@@ -571,6 +575,9 @@ void quovix_kmc_free(QUOVIX_KMC *kmc) {
     std::free(kmc->out_e);
     std::free(kmc->in_start);
     std::free(kmc->in_e);
+    std::free(kmc->hot);
+    std::free(kmc->site_e);
+    std::free(kmc->site_occ);
     std::free(kmc);
 }
 
@@ -647,6 +654,16 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
         std::fputs("Error: unable to allocate kmc->tree.\n", stderr);
         return nullptr;
     }
+    kmc->hot = static_cast<QUOVIX_KMC_HOT *>(
+        std::calloc(static_cast<std::size_t>(std::max(ne, 1L)), sizeof(QUOVIX_KMC_HOT)));
+    kmc->site_e = static_cast<double *>(
+        std::calloc(static_cast<std::size_t>(std::max(nv, 1L)), sizeof(double)));
+    kmc->site_occ =
+        static_cast<bool *>(std::calloc(static_cast<std::size_t>(std::max(nv, 1L)), sizeof(bool)));
+    if (kmc->hot == nullptr || kmc->site_e == nullptr || kmc->site_occ == nullptr) {
+        std::fputs("Error: unable to allocate kmc->hot.\n", stderr);
+        return nullptr;
+    }
     kmc->temperature = QUOVIX_KMC_TEMPERATURE_DEFAULT;
     kmc->step_limit = QUOVIX_KMC_STEP_LIMIT_DEFAULT;
     kmc->step_log = QUOVIX_KMC_STEP_LIMIT_DEFAULT / 100;
@@ -694,8 +711,8 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
             QUOVIX_KMC_EDGE &ke = kmc->ke[i];
             QUOVIX_GRAPH_EDGE *e = &graph->e[i];
             ke.e = e;
-            ke.a = e->v_i->index;
-            ke.b = e->v_f->index;
+            kmc->hot[i].a = e->v_i->index;
+            kmc->hot[i].b = e->v_f->index;
             ke.en = e->en;
             ke.l = e->l;
             ke.r2 = static_cast<double *>(std::calloc(1, sizeof(double)));
@@ -740,8 +757,8 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
         std::vector<long> out_start(static_cast<std::size_t>(nv) + 1, 0);
         std::vector<long> in_start(static_cast<std::size_t>(nv) + 1, 0);
         for (long i = 0; i < ne; ++i) {
-            ++out_start[kmc->ke[i].a + 1];
-            ++in_start[kmc->ke[i].b + 1];
+            ++out_start[kmc->hot[i].a + 1];
+            ++in_start[kmc->hot[i].b + 1];
         }
         for (long v = 0; v < nv; ++v) {
             out_start[v + 1] += out_start[v];
@@ -752,8 +769,8 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
             std::vector<long> o(out_start.begin(), out_start.end() - 1);
             std::vector<long> n(in_start.begin(), in_start.end() - 1);
             for (long i = 0; i < ne; ++i) {
-                out_e[o[kmc->ke[i].a]++] = i;
-                in_e[n[kmc->ke[i].b]++] = i;
+                out_e[o[kmc->hot[i].a]++] = i;
+                in_e[n[kmc->hot[i].b]++] = i;
             }
         }
         kmc->out_start = copy_out(out_start);
@@ -771,7 +788,8 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
             QUOVIX_KMC_EDGE &ke = kmc->ke[i];
             const QUOVIX_KMC_VERTEX &va = kmc->kv[ke.e->v_i->index];
             for (int k = 0; k < va.total_v; ++k)
-                if (va.v_n[k] == ke.e->v_f->index) ke.de = va.v_de[k];
+                if (va.v_n[k] == ke.e->v_f->index) kmc->hot[i].de = va.v_de[k];
+            kmc->hot[i].f = ke.f;
             for (int k = 0; k < ke.total_v; ++k) sad[ke.v_n[k]].emplace_back(i, ke.v_de[k]);
         }
         for (long i = 0; i < nv; ++i) {
@@ -897,6 +915,7 @@ int quovix_kmc_reset(QUOVIX_KMC *kmc) {
     }
     for (long i = 0; i < g->total_e; ++i) {
         kmc->ke[i].r = 0.0;
+        kmc->hot[i].r = 0.0;
         kmc->ke[i].update = true;
     }
     std::fill(kmc->tree, kmc->tree + 2 * kmc->tree_size, 0.0);

@@ -37,8 +37,6 @@ struct QUOVIX_KMC_VERTEX {
     double t_in;    // time of the last arrival on this vertex (ps)
     double en;      // site energy (eV)
     bool update;    // its edges need new rates
-    // Kept up to date hop by hop for the fast step:
-    double phi;  // repulsion of the ions now on v_n (eV)
     int total_s;
     long *s_n;     // edges with this vertex near their saddle
     double *s_de;  // its Coulomb energy at each of those saddles (eV)
@@ -56,10 +54,17 @@ struct QUOVIX_KMC_EDGE {
     double en;     // saddle energy (eV)
     double l;      // hop length (A)
     bool update;   // rate must be recomputed
-    double de;     // repulsion between the two ends (0 beyond the cut-off) (eV)
-    double phi;    // repulsion of the ions now on v_n at the saddle (eV)
-    long a, b;     // indices of the start and end vertices (copies for the inner loop)
-    long stamp;    // last fast refresh that recomputed this rate
+};
+
+/// What the fast step reads of an edge, packed into one cache line.
+struct QUOVIX_KMC_HOT {
+    long a, b;   // start and end vertex
+    double f;    // attempt frequency (1/ps)
+    double es;   // saddle energy + repulsion of the ions now near the saddle (eV)
+    double de;   // repulsion between the two ends, 0 beyond the cut-off (eV)
+    double r;    // current rate (1/ps), the same as the edge's r
+    long stamp;  // last fast refresh that recomputed this rate
+    long unused;
 };
 
 /// The Monte Carlo state. The graph is not owned: free it after the state.
@@ -93,6 +98,9 @@ struct QUOVIX_KMC {
     long *out_start, *out_e;  // edges leaving vertex v: out_e[out_start[v] .. out_start[v+1])
     long *in_start, *in_e;    // edges entering vertex v, likewise
     long refresh;             // fast refreshes so far (stamps of the edges)
+    QUOVIX_KMC_HOT *hot;      // per edge, for the fast step
+    double *site_e;           // per vertex: en + repulsion of the ions now on v_n (eV)
+    bool *site_occ;           // per vertex: occupied (the same as kv[].occupied)
 };
 
 /// Builds the state for a (supercell) graph: Coulomb neighbour lists of vertices and saddles

@@ -2,15 +2,21 @@
 // Boltzmann occupancies, Arrhenius slope, barrier rule, and plain versus fast steps.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "quovix-alloc.hpp"
+#include "quovix-cube.hpp"
 #include "quovix-gh.hpp"
 #include "quovix-import.hpp"
 #include "quovix-kmc.hpp"
+#include "temp_dir.hpp"
 
 namespace {
 
@@ -404,4 +410,78 @@ TEST(KmcErrors, FrozenIonsAndBadInput) {
     testing::internal::CaptureStdout();
     quovix_kmc_print(nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "KMC: (not allocated)\n");
+}
+
+namespace {
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+}  // namespace
+
+TEST(KmcChain, Li2OFromCifThenFromItsCube) {
+    // Li2O in a 3x3x3 supercell: 54 Li+ on their sites, hops into interstitials at 600 K.
+    const std::string data = QUOVIX_DATA_DIR;
+    const std::string unitary = data + "/database_unitary.dat";
+    const std::string binary = data + "/database_binary.dat";
+    const std::string symcards = data + "/database_symcards.dat";
+    const std::string cif = test_tmp::dir() + "Li2O.cif";
+    std::filesystem::copy_file(
+        std::string(QUOVIX_TEST_DATA_DIR) + "/Li2O_antifluorite_primitive_P1.cif", cif,
+        std::filesystem::copy_options::overwrite_existing);
+    const std::string cube = test_tmp::dir() + "Li2O.cube";
+    const int super[3] = {3, 3, 3};
+    for (int pass = 0; pass < 2; ++pass) {
+        std::srand(5);
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const double sigma = quovix_kmc_calculate_conductivity_from_file(
+            cif.c_str(), cube.c_str(), "Li", 1, super, 0.75, 600.0, 0.0, 2000, 500, 3.0,
+            symcards.c_str(), unitary.c_str(), binary.c_str());
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        EXPECT_GE(sigma, 0.0);
+        EXPECT_NE(out.find(pass == 0 ? "Message: " + cube + " not found"
+                                     : "Message: landscape read from " + cube),
+                  std::string::npos);
+        EXPECT_NE(out.find("Message: supercell [3, 3, 3]\n"), std::string::npos);
+        EXPECT_NE(out.find("KMC: step = 2000 / 2000; step_log = 500\n"), std::string::npos);
+        EXPECT_NE(out.find("KMC: diffusivity standard error = "), std::string::npos);
+        if (pass == 0) {
+            // The cube of the same landscape, for the second pass.
+            quovix_cell_ptr cell;
+            quovix_symmetry_ptr sym;
+            QUOVIX_CELL *c = nullptr;
+            QUOVIX_SYMMETRY *y = nullptr;
+            testing::internal::CaptureStdout();
+            ASSERT_EQ(quovix_cell_import_cif_from_file(&c, &y, cif.c_str(), symcards.c_str(),
+                                                       unitary.c_str()),
+                      0);
+            cell.reset(c);
+            sym.reset(y);
+            ASSERT_EQ(quovix_cube_calculate_from_cell_and_write_to_file(
+                          cell.get(), sym.get(), "Li", 1, 0.75, 0.1, true, true, cube.c_str(),
+                          unitary.c_str(), binary.c_str()),
+                      0);
+            testing::internal::GetCapturedStdout();
+        }
+    }
+    // Logs: header with one column triple per ion, a row at steps 0, 500, ..., 2000.
+    const std::string log = slurp(cif + ".kmc.log.txt");
+    EXPECT_EQ(log.rfind("step,t,site", 0), 0u);
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 6);
+    const std::string header = log.substr(0, log.find('\n'));
+    EXPECT_EQ(std::count(header.begin(), header.end(), ','), 1 + 3 * 54);
+    const std::string xyz = slurp(cif + ".kmc.xyz.txt");
+    EXPECT_EQ(xyz.rfind("54\n0     0.000000\nLi ", 0), 0u);
+    EXPECT_EQ(std::count(xyz.begin(), xyz.end(), '\n'), 5 * 56);
+    // Occupancy cells: the O of the supercell plus the mobile ions.
+    for (const char *suffix : {".kmc.init.cif", ".kmc.cif"}) {
+        const std::string text = slurp(cif + suffix);
+        EXPECT_NE(text.find("Li1+"), std::string::npos) << suffix;
+    }
 }
