@@ -294,19 +294,16 @@ def screen(a):
         # gives all of them is used as it is (the CIF writer rounds coordinates).
         res = r.run("os", "t_os_s", ["--gen-cif-os", "input.cif", cif])
         froms = parse_os(res.stdout)
+        os_note = None
         if froms and os.path.isfile(os.path.join(work, cif)) and any(f != "file" for f in froms):
-            rec["os_source"] = "assigned"
+            os_source = "assigned"
         else:
             if os.path.exists(os.path.join(work, cif)):
                 os.remove(os.path.join(work, cif))
             shutil.copyfile(os.path.join(work, "input.cif"), os.path.join(work, cif))
-            if froms:
-                rec["os_source"] = "file"
-            else:
-                rec["os_source"] = "reader default"
-                err = first_error_line(res.stderr)
-                if err:
-                    notes.append("states not assigned: " + err)
+            os_source = "file" if froms else "as read"
+            if not froms:
+                os_note = "states not assigned: %s" % first_error_line(res.stderr)
 
         res = r.run("cell", "t_os_s", ["--print-cell", cif])
         atoms = parse_cell(res.stdout)
@@ -314,6 +311,9 @@ def screen(a):
             raise StepFailed("read", first_error_line(res.stderr) or "no atoms read")
         rec["formula"] = formula(atoms)
         rec["atoms"] = len(atoms)
+        rec["os_source"] = os_source
+        if os_note:
+            notes.append(os_note)
         if not any(e == el and o == os_ and occ > 0 for e, o, occ in atoms):
             raise StepFailed("read", "no %s site in the structure" % a.mobile)
 
