@@ -135,7 +135,7 @@ def parse_bv(stdout):
             gii = float(m.group(1))
     if gii is None or not math.isfinite(gii):
         return None
-    return gii, (worst[0] if worst else None), (worst[1] if worst else None)
+    return gii, (worst[0] if worst else None), (round(worst[1], 6) if worst else None)
 
 
 def parse_os(stdout):
@@ -173,7 +173,9 @@ def parse_network(stdout):
         if not m:
             continue
         e, lo, hi = (float(m.group(k)) for k in (2, 3, 4))
-        net[m.group(1).lower()] = (e, lo, hi) if e >= 0 and math.isfinite(e) else None
+        if not all(math.isfinite(v) for v in (e, lo, hi)):
+            raise ValueError("barrier printed as %s" % m.group(0))
+        net[m.group(1).lower()] = (e, lo, hi) if e >= 0 else None
     return net if all(k in net for k in ("1d", "2d", "3d")) else None
 
 
@@ -342,7 +344,10 @@ def screen(a):
         rec["resolution_A"], rec["sf"] = res_a, sf
 
         res = r.run("gh", "t_gh_s", ["--gh", cif, cube, el, str(os_)])
-        net = parse_network(res.stdout)
+        try:
+            net = parse_network(res.stdout)
+        except ValueError as e:
+            raise StepFailed("gh", str(e))
         if net is None:
             raise StepFailed("gh", first_error_line(res.stderr) or "no percolation lines printed")
         dims = [d for d in ("1d", "2d", "3d") if net[d] is not None]
