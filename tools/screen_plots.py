@@ -71,13 +71,14 @@ def plot_profiles(rec, root, path):
         ax.set_title("%s path, barrier %s" % (dim, "%.3f eV" % b if b is not None else "?"),
                      fontsize=10)
         ax.set_xlabel("distance along the path (A)")
-        ax.set_ylabel("energy above the lowest site of the path (eV)")
+        if ax is axes[0][0]:
+            ax.set_ylabel("energy above the path's lowest site (eV)")
         if len(cyc) > 1:
             ax.legend(fontsize=7, frameon=False)
         ax.grid(alpha=0.3)
     fig.suptitle("%s  %s  (%s; ^ saddle, o site)" % (rec["structure"], rec.get("formula") or "",
                                                      rec.get("mobile") or ""), fontsize=10)
-    fig.tight_layout()
+    fig.tight_layout(rect=(0, 0, 1, 0.94))
     fig.savefig(path, dpi=110)
     plt.close(fig)
     return True
@@ -98,11 +99,12 @@ def plot_scatter(recs, path):
     missing = len(recs) - len(pts)
     ax.set_xlabel("global instability index GII (v.u.)")
     ax.set_ylabel("lowest percolation barrier (eV)")
-    ax.set_title("%d structures%s" % (len(pts), ", %d without a barrier not shown" % missing
-                                      if missing else ""), fontsize=10)
+    ax.set_title("%d of %d structures%s" % (len(pts), len(recs),
+                                            "; %d without a percolation barrier not shown"
+                                            % missing if missing else ""), fontsize=10)
     ax.grid(alpha=0.3)
     if pts:
-        ax.legend(fontsize=8, frameon=False)
+        ax.legend(fontsize=8, frameon=True, framealpha=0.8)
     else:
         ax.text(0.5, 0.5, "no structure has a percolation barrier", ha="center",
                 transform=ax.transAxes)
