@@ -86,7 +86,7 @@ def plot_profiles(rec, root, path):
 
 def plot_scatter(recs, path):
     pts = [r for r in recs if r.get("gii") is not None and r.get("barrier_min_eV") is not None]
-    fig, ax = plt.subplots(figsize=(6.0, 4.5))
+    fig, ax = plt.subplots(figsize=(6.0, 4.8))
     for dim, colour in DIM_COLOURS.items():
         sel = [r for r in pts if r.get("percolation") == dim]
         if sel:
@@ -104,7 +104,9 @@ def plot_scatter(recs, path):
                                             % missing if missing else ""), fontsize=10)
     ax.grid(alpha=0.3)
     if pts:
-        ax.legend(fontsize=8, frameon=True, framealpha=0.8)
+        ax.margins(x=0.1, y=0.08)  # room for the names at the edges
+        ax.legend(fontsize=8, frameon=False, ncol=3, loc="upper center",
+                  bbox_to_anchor=(0.5, -0.13))
     else:
         ax.text(0.5, 0.5, "no structure has a percolation barrier", ha="center",
                 transform=ax.transAxes)
