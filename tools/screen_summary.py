@@ -382,10 +382,11 @@ def screen(a):
                     k["conductivity"], k["conductivity_err"]
                 rec["diffusivity_cm2_s"], rec["diffusivity_err_cm2_s"] = \
                     k["diffusivity"], k["diffusivity_err"]
-        if not a.keep_cube and os.path.exists(cube_path):
-            os.remove(cube_path)
     except StepFailed as e:
         rec["status"], rec["failed_step"], rec["error"] = "failed", e.step, e.error
+    cube_path = os.path.join(work, name + ".cube")
+    if not a.keep_cube and os.path.exists(cube_path):
+        os.remove(cube_path)
     return finish(rec, r, notes, t_start)
 
 
