@@ -377,6 +377,8 @@ def screen(a):
                 k = parse_kmc(res.stdout)
                 if k is None:
                     raise StepFailed("kmc", first_error_line(res.stderr) or "no conductivity printed")
+                if not math.isfinite(k["conductivity"]):
+                    raise StepFailed("kmc", "conductivity printed as %s" % k["conductivity"])
                 rec["temperature_K"] = a.temperature
                 rec["conductivity_S_cm"], rec["conductivity_err_S_cm"] = \
                     k["conductivity"], k["conductivity_err"]
