@@ -17,12 +17,12 @@
 
 /// FFTW-allocated buffers of the record.
 struct quovix_fft_store {
-    double *en = nullptr;          // real grid
-    fftw_complex *spec = nullptr;  // half spectrum, n0 * n1 * (n2/2 + 1)
-    double *grid[9] = {};          // f[0..2], then k00 k01 k02 k11 k12 k22
+    double *en = nullptr;              // real grid
+    fftw_complex *spectrum = nullptr;  // half spectrum, n0 * n1 * (n2/2 + 1)
+    double *grid[9] = {};              // f[0..2], then k00 k01 k02 k11 k12 k22
     ~quovix_fft_store() {
         fftw_free(en);
-        fftw_free(spec);
+        fftw_free(spectrum);
         for (double *g : grid) fftw_free(g);
     }
 };
@@ -87,8 +87,8 @@ QUOVIX_FFT *quovix_fft_new_from_cube(QUOVIX_CUBE *cube) {
     }
     const long half = n2 / 2 + 1;
     fft->store->en = fftw_alloc_real(static_cast<std::size_t>(fft->total));
-    fft->store->spec = fftw_alloc_complex(static_cast<std::size_t>(n0 * n1 * half));
-    if (!fft->store->en || !fft->store->spec) {
+    fft->store->spectrum = fftw_alloc_complex(static_cast<std::size_t>(n0 * n1 * half));
+    if (!fft->store->en || !fft->store->spectrum) {
         std::fputs("Error: unable to allocate QUOVIX_FFT.\n", stderr);
         return nullptr;
     }
@@ -107,7 +107,7 @@ QUOVIX_FFT *quovix_fft_new_from_cube(QUOVIX_CUBE *cube) {
             }
     fftw_plan plan =
         fftw_plan_dft_r2c_3d(static_cast<int>(n0), static_cast<int>(n1), static_cast<int>(n2),
-                             fft->en, fft->store->spec, FFTW_ESTIMATE);
+                             fft->en, fft->store->spectrum, FFTW_ESTIMATE);
     if (!plan) {
         std::fputs("Error: unable to plan the Fourier transform.\n", stderr);
         return nullptr;
@@ -124,7 +124,7 @@ void quovix_fft_free(QUOVIX_FFT *fft) {
 }
 
 int quovix_fft_calculate_derivatives(QUOVIX_FFT *fft) {
-    if (!fft || !fft->store || !fft->store->spec) {
+    if (!fft || !fft->store || !fft->store->spectrum) {
         std::fputs("Error: QUOVIX_FFT has not been properly initialized.\n", stderr);
         return 1;
     }
@@ -170,7 +170,7 @@ int quovix_fft_calculate_derivatives(QUOVIX_FFT *fft) {
         t = omp_get_thread_num();
 #endif
         fftw_complex *s = scratch[static_cast<std::size_t>(t)];
-        const fftw_complex *spec = st->spec;
+        const fftw_complex *spectrum = st->spectrum;
         for (long i = 0; i < n0; i++) {
             bool ny0;
             const double w0 = frequency(i, n0, ny0);
@@ -199,8 +199,8 @@ int quovix_fft_calculate_derivatives(QUOVIX_FFT *fft) {
                     }
                     re *= norm;
                     im *= norm;
-                    s[m][0] = spec[m][0] * re - spec[m][1] * im;
-                    s[m][1] = spec[m][0] * im + spec[m][1] * re;
+                    s[m][0] = spectrum[m][0] * re - spectrum[m][1] * im;
+                    s[m][1] = spectrum[m][0] * im + spectrum[m][1] * re;
                 }
             }
         }

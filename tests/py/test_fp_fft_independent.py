@@ -56,7 +56,7 @@ def marker_minima(cif, n):
 
 def spectral_hessian(v, a_i):
     n = v.shape
-    spec = np.fft.fftn(v)
+    spectrum = np.fft.fftn(v)
     w, wd = [], []
     for k in range(3):
         m = np.fft.fftfreq(n[k]) * n[k]  # signed frequency; -n/2 at the Nyquist index
@@ -70,7 +70,7 @@ def spectral_hessian(v, a_i):
     for k in range(3):
         for l in range(k, 3):
             mult = -(w[k] ** 2) if k == l else -(wd[k] * wd[l])
-            d[k, l] = d[l, k] = np.real(np.fft.ifftn(spec * mult))
+            d[k, l] = d[l, k] = np.real(np.fft.ifftn(spectrum * mult))
     b = np.linalg.inv(a_i)  # d/dr_j = sum_k b[j][k] d/ds_k
     return d, b
 
