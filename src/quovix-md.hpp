@@ -26,7 +26,7 @@ inline constexpr double QUOVIX_MD_DEFAULT_T_END = 10.0;             // ps, produ
 inline constexpr double QUOVIX_MD_DEFAULT_T_EQUIL = 2.0;            // ps, equilibration
 inline constexpr long QUOVIX_MD_DEFAULT_STEP_LOG = 100;             // sampling interval (steps)
 /// Longest phase accepted, in time steps (a longer request is an error, not a silent hang).
-inline constexpr long QUOVIX_MD_MAX_STEPS = 100000000;
+inline constexpr long QUOVIX_MD_MAX_STEPS = 10000000;
 /// Number of blocks of the production run for the standard error of the diffusivity.
 inline constexpr int QUOVIX_MD_BLOCKS = 10;
 /// Largest move of an ion in one time step (A) before the run is stopped as diverged.
