@@ -77,6 +77,7 @@ constexpr Command kCommands[] = {
     {"--gen-cif-p1", quovix_cmd_opt_do_gen_cif_p1},
     {"--gen-cif-assign", quovix_cmd_opt_do_gen_cif_assign},
     {"--gen-cif-assign-all", quovix_cmd_opt_do_gen_cif_assign_all},
+    {"--gen-cif-os", quovix_cmd_opt_do_gen_cif_os},
     {"--gen-gin-lib", quovix_cmd_opt_do_gen_gin_lib},
     {"--gen-gin-eam", quovix_cmd_opt_do_gen_gin_eam},
     {"--gen-gin", quovix_cmd_opt_do_gen_gin},

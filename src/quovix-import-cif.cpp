@@ -17,13 +17,8 @@ namespace {
 // for "unknown" and larger magnitudes are input errors, not charges.
 constexpr double kMaxOxidationMagnitude = 1000.0;
 
-bool is_blank_char(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 bool is_alpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
-
-bool contains(const char *row, const char *key) {
-    return row != nullptr && key != nullptr && std::strstr(row, key) != nullptr;
-}
 
 // Element symbol rule: the first alphabetic character, plus the next one when it is
 // alphabetic too (whatever its case); never more than two letters. False when the text
@@ -39,24 +34,6 @@ bool element_symbol(char type[QUOVIX_TYPE_LEN], const char *text) {
     return true;
 }
 
-// Column whose tag (row 0) contains `key`: the first match, or the last when `last`.
-long find_column(char ***loop, long cols, const char *key, bool last) {
-    long col = -1;
-    if (loop == nullptr || loop[0] == nullptr) return -1;
-    for (long j = 0; j < cols; ++j) {
-        if (contains(loop[0][j], key)) {
-            col = j;
-            if (!last) break;
-        }
-    }
-    return col;
-}
-
-const char *cell_text(char ***loop, long i, long col) {
-    if (loop == nullptr || loop[i] == nullptr || col < 0) return nullptr;
-    return loop[i][col];
-}
-
 // A double read with "%lf" from the start of a token; anything after the number (a
 // standard uncertainty "(6)", ...) is ignored. Non-finite values count as unreadable.
 bool read_number(const char *token, double &out) {
@@ -64,150 +41,6 @@ bool read_number(const char *token, double &out) {
     if (token == nullptr || std::sscanf(token, "%lf", &v) != 1 || !std::isfinite(v)) return false;
     out = v;
     return true;
-}
-
-char *duplicate(const std::string &s) {
-    char *out = static_cast<char *>(std::malloc(s.size() + 1));
-    if (out != nullptr) std::memcpy(out, s.c_str(), s.size() + 1);
-    return out;
-}
-
-// Splits one data row into tokens: separators are space, tab, CR and LF; a token that
-// starts with a single quote runs to the next single quote (which ends it whatever
-// follows). Returns false for a quote left open before the end of the row or a CR/LF.
-bool tokenize_record(const char *row, std::vector<std::string> &tokens) {
-    tokens.clear();
-    const char *p = row;
-    for (;;) {
-        while (*p != '\0' && is_blank_char(*p)) ++p;
-        if (*p == '\0') return true;
-        if (*p == '\'') {
-            const char *q = p + 1;
-            while (*q != '\0' && *q != '\'' && *q != '\r' && *q != '\n') ++q;
-            if (*q != '\'') return false;
-            tokens.emplace_back(p + 1, static_cast<std::size_t>(q - p - 1));
-            p = q + 1;
-        } else {
-            const char *q = p;
-            while (*q != '\0' && !is_blank_char(*q)) ++q;
-            tokens.emplace_back(p, static_cast<std::size_t>(q - p));
-            p = q;
-        }
-    }
-}
-
-// First whitespace-delimited token of a header row.
-bool first_token(const char *row, std::string &out) {
-    const char *p = row;
-    while (*p != '\0' && is_blank_char(*p)) ++p;
-    const char *q = p;
-    while (*q != '\0' && !is_blank_char(*q)) ++q;
-    if (q == p) return false;
-    out.assign(p, static_cast<std::size_t>(q - p));
-    return true;
-}
-
-// Allocates the loop block: rows x cols cells, strings allocated one by one (cells without
-// a token stay null). Released with quovix_array_char_3D_free(loop, rows, cols).
-int build_loop(char ****out, char **content, long header_begin, long data_begin, long data_end,
-               long rows, long cols) {
-    char ***loop =
-        static_cast<char ***>(std::calloc(static_cast<std::size_t>(rows), sizeof(char **)));
-    if (loop == nullptr) {
-        std::fputs("Error: unable to allocate loop.\n", stderr);
-        return 1;
-    }
-    const auto fail = [&]() {
-        quovix_array_char_3D_free(loop, rows, cols);
-        return 1;
-    };
-    for (long i = 0; i < rows; ++i) {
-        loop[i] = static_cast<char **>(std::calloc(static_cast<std::size_t>(cols), sizeof(char *)));
-        if (loop[i] == nullptr) {
-            std::fprintf(stderr, "Error: unable to allocate loop[%ld].\n", i);
-            return fail();
-        }
-    }
-    const auto put = [&](long i, long j, const std::string &s) {
-        char *cell = quovix_array_char_1D_new(static_cast<long>(s.size()) + 1);
-        if (cell == nullptr) {
-            std::fputs("Error: quovix_array_char_1D_new() returns NULL.\n", stderr);
-            return false;
-        }
-        std::memcpy(cell, s.c_str(), s.size() + 1);
-        loop[i][j] = cell;
-        return true;
-    };
-    std::string tag;
-    for (long j = 0; j < cols; ++j) {
-        if (!first_token(content[header_begin + j], tag)) {
-            std::fputs("Error: sscanf() returns 0.\n", stderr);
-            return fail();
-        }
-        if (!put(0, j, tag)) return fail();
-    }
-    std::vector<std::string> tokens;
-    for (long r = data_begin; r < data_end; ++r) {
-        const long record = r - data_begin + 1;
-        if (!tokenize_record(content[r], tokens)) {
-            std::fprintf(stderr, "Error: open single quotation mark detected at row %ld.\n",
-                         record);
-            return fail();
-        }
-        // Tokens beyond the loop's columns are discarded.
-        for (std::size_t k = 0; k < tokens.size() && static_cast<long>(k) < cols; ++k) {
-            if (!put(record, static_cast<long>(k), tokens[k])) return fail();
-        }
-    }
-    *out = loop;
-    return 0;
-}
-
-int grep_loop(char ****loop, long *rows, long *cols, const char *key, char **content, long row) {
-    bool in_block = false, in_header = false, wanted = false;
-    long header_begin = 0, data_begin = -1, block_end = -1;
-    for (long r = 0; r < row; ++r) {
-        const char *s = content[r] != nullptr ? content[r] : "";
-        if (in_block) {
-            const char first = quovix_array_char_1D_first_nonspace_char(s);
-            const bool ends = quovix_array_char_1D_is_blank_line(s) || first == '#' ||
-                              contains(s, "loop_") || (!in_header && first == '_');
-            if (!ends) {
-                if (in_header) {
-                    if (first != '_') {
-                        in_header = false;
-                        data_begin = r;
-                    } else if (contains(s, key)) {
-                        wanted = true;
-                    }
-                }
-                continue;
-            }
-            in_block = false;
-            if (wanted) {
-                block_end = r;
-                break;
-            }
-        }
-        if (contains(s, "loop_")) {
-            in_block = true;
-            in_header = true;
-            wanted = false;
-            header_begin = r + 1;
-            data_begin = -1;
-        }
-    }
-    if (in_block && wanted) block_end = row;  // the block runs to the last row of the text
-    if (!wanted || block_end < 0 || data_begin < 0 || data_begin >= block_end) {
-        std::printf("Warning: _loop block containing %s not found.\n", key);
-        return 1;
-    }
-    const long c = data_begin - header_begin;
-    const long r = block_end - data_begin + 1;
-    if (build_loop(loop, content, header_begin, data_begin, block_end, r, c) != 0) return 1;
-    *rows = r;
-    *cols = c;
-    return 0;
 }
 
 // The element table (rows between DATA_START and DATA_END) as (symbol, default os) pairs
@@ -427,90 +260,16 @@ QUOVIX_CELL **quovix_cells_import_cif_from_file(const char *prefix, int n, const
     return cells;
 }
 
-/// 1 when some row contains `key` as a substring, else 0.
-int quovix_cell_import_cif_exist_keyword(const char *key, char **rows, long row) {
-    if (rows == nullptr || key == nullptr) return 0;
-    for (long r = 0; r < row; ++r) {
-        if (contains(rows[r], key)) return 1;
-    }
-    return 0;
-}
-
-/// Value of a single-valued key, found in the first row containing it: a semicolon text
-/// field on the following rows (trailing CRs dropped, rows joined without separator), else
-/// everything between the first and the last single quote of the row, else the first
-/// token after the key. Newly malloc'ed (free with std::free), or null.
-char *quovix_cell_import_cif_grep_keyword(const char *key, char **rows, long row) {
-    if (rows == nullptr || key == nullptr) return nullptr;
-    return quovix_guard("keyword value", [&]() -> char * {
-        long r = 0;
-        while (r < row && !contains(rows[r], key)) ++r;
-        if (r >= row) return nullptr;
-        const char *s = rows[r];
-        if (r < row - 2 && rows[r + 1] != nullptr && rows[r + 1][0] == ';') {
-            std::string value;
-            for (long k = r + 2; k < row; ++k) {
-                const char *t = rows[k] != nullptr ? rows[k] : "";
-                if (t[0] == ';') return duplicate(value);
-                std::string piece(t);
-                if (!piece.empty() && piece.back() == '\r') piece.pop_back();
-                value += piece;
-            }
-            return nullptr;  // no closing ';' row
-        }
-        const char *q1 = std::strchr(s, '\'');
-        const char *q2 = std::strrchr(s, '\'');
-        if (q1 != nullptr && q2 != q1) {
-            return duplicate(std::string(q1 + 1, static_cast<std::size_t>(q2 - q1 - 1)));
-        }
-        const char *p = std::strstr(s, key) + std::strlen(key);
-        while (*p == ' ' || *p == '\t') ++p;
-        if (*p == '\0' || *p == '\r') return nullptr;
-        const char *e = p;
-        while (*e != '\0' && *e != ' ' && *e != '\t' && *e != '\r') ++e;
-        return duplicate(std::string(p, static_cast<std::size_t>(e - p)));
-    });
-}
-
-/// The loop block whose header contains `key`: row 0 holds the tags, rows 1.. one record
-/// per text row, cells without a token null. 0 on success (free the block with
-/// quovix_array_char_3D_free(*loop, *rows, *cols)); 1 with a warning when there is no such
-/// block with data rows, or with an error line for malformed records.
-int quovix_cell_import_cif_grep_loop(char ****loop, long *rows, long *cols, const char *key,
-                                     char **content, long row) {
-    if (loop == nullptr || rows == nullptr || cols == nullptr || key == nullptr ||
-        content == nullptr) {
-        std::fputs("Error: unable to allocate loop.\n", stderr);
-        return 1;
-    }
-    *loop = nullptr;
-    *rows = 0;
-    *cols = 0;
-    return quovix_guard("loop",
-                        [&]() -> int { return grep_loop(loop, rows, cols, key, content, row); });
-}
-
-/// 1 for a null or empty row or one holding only spaces, tabs, LF and CR.
-int quovix_array_char_1D_is_blank_line(const char *row) {
-    return quovix_array_char_1D_first_nonspace_char(row) == '\0' ? 1 : 0;
-}
-
-/// First character that is not a space, tab, LF or CR; 0 when there is none.
-char quovix_array_char_1D_first_nonspace_char(const char *row) {
-    if (row == nullptr) return '\0';
-    while (*row != '\0' && is_blank_char(*row)) ++row;
-    return *row;
-}
-
 /// Labels from the first column whose tag contains _atom_site_label (at most 11
 /// characters kept); every atom's `value` is set to 99.0 (no oxidation state read yet).
 int quovix_cell_import_cif_read_atom_name(QUOVIX_ATOM *atom, char ***loop, long rows, long cols) {
     if (atom == nullptr || loop == nullptr) return 1;
-    const long col = find_column(loop, cols, "_atom_site_label", false);
+    const quovix_cif_loop table{loop, rows, cols};
+    const long col = table.column("_atom_site_label");
     for (long i = 1; i < rows; ++i) {
         QUOVIX_ATOM &a = atom[i - 1];
         std::memset(a.name, 0, sizeof a.name);
-        const char *label = cell_text(loop, i, col);
+        const char *label = table.at(i, col);
         if (label != nullptr) std::strncpy(a.name, label, sizeof a.name - 1);
         a.value = 99.0;
     }
@@ -522,7 +281,8 @@ int quovix_cell_import_cif_read_atom_name(QUOVIX_ATOM *atom, char ***loop, long 
 /// (O2- gives -2, O-2 gives +2, Li+ gives no state).
 int quovix_cell_import_cif_read_atom_type(QUOVIX_ATOM *atom, char ***loop, long rows, long cols) {
     if (atom == nullptr || loop == nullptr) return 1;
-    const long col = find_column(loop, cols, "_atom_site_type_symbol", false);
+    const quovix_cif_loop table{loop, rows, cols};
+    const long col = table.column("_atom_site_type_symbol");
     if (col < 0) {
         std::fputs("Error: unable to find keyword '_atom_site_type_symbol'.\n", stderr);
         return 1;
@@ -530,7 +290,7 @@ int quovix_cell_import_cif_read_atom_type(QUOVIX_ATOM *atom, char ***loop, long 
     for (long i = 1; i < rows; ++i) {
         QUOVIX_ATOM &a = atom[i - 1];
         char buf[128] = {0};
-        const char *field = cell_text(loop, i, col);
+        const char *field = table.at(i, col);
         if (field != nullptr) std::strncpy(buf, field, sizeof buf - 1);
         if (!element_symbol(a.type, buf)) {
             std::fprintf(stderr, "Error: invalid field content %s.\n", buf);
@@ -557,20 +317,22 @@ int quovix_cell_import_cif_read_atom_type(QUOVIX_ATOM *atom, char ***loop, long 
 int quovix_cell_import_cif_read_atom_typeos(QUOVIX_ATOM *atom, char ***loop, long rows, long cols,
                                             char ***loop_type, long rows_type, long cols_type) {
     if (atom == nullptr || loop == nullptr || loop_type == nullptr) return 1;
-    const long col = find_column(loop, cols, "_atom_site_type_symbol", false);
+    const quovix_cif_loop table{loop, rows, cols};
+    const quovix_cif_loop types{loop_type, rows_type, cols_type};
+    const long col = table.column("_atom_site_type_symbol");
     if (col < 0) {
         std::fputs("Error: unable to find keyword '_atom_site_type_symbol'.\n", stderr);
         return 1;
     }
-    const long col_sym = find_column(loop_type, cols_type, "_atom_type_symbol", false);
-    const long col_os = find_column(loop_type, cols_type, "_atom_type_oxidation_number", false);
+    const long col_sym = types.column("_atom_type_symbol");
+    const long col_os = types.column("_atom_type_oxidation_number");
     if (col_sym < 0 || col_os < 0 || col_sym == col_os) {
         std::fputs("Error: invalid keywords.\n", stderr);
         return 1;
     }
     for (long i = 1; i < rows; ++i) {
         QUOVIX_ATOM &a = atom[i - 1];
-        const char *field = cell_text(loop, i, col);
+        const char *field = table.at(i, col);
         char buf[128] = {0};
         if (field != nullptr) std::strncpy(buf, field, sizeof buf - 1);
         if (!element_symbol(a.type, buf)) {
@@ -579,11 +341,11 @@ int quovix_cell_import_cif_read_atom_typeos(QUOVIX_ATOM *atom, char ***loop, lon
         }
         bool matched = false;
         for (long t = 1; t < rows_type && !matched; ++t) {
-            const char *sym = cell_text(loop_type, t, col_sym);
+            const char *sym = types.at(t, col_sym);
             if (sym == nullptr || field == nullptr || std::strcmp(sym, field) != 0) continue;
             matched = true;
             double v = 0.0;
-            if (read_number(cell_text(loop_type, t, col_os), v)) {
+            if (read_number(types.at(t, col_os), v)) {
                 if (!oxidation_in_range(v)) {
                     std::fputs("Error: invalid field.\n", stderr);
                     return 1;
@@ -603,10 +365,11 @@ int quovix_cell_import_cif_read_atom_typeos(QUOVIX_ATOM *atom, char ***loop, lon
 /// column wins), each coordinate brought into [0, 1) by fmod and +1 when negative.
 int quovix_cell_import_cif_read_atom(QUOVIX_ATOM *atom, char ***loop, long rows, long cols) {
     if (atom == nullptr || loop == nullptr) return 1;
-    const long c_occ = find_column(loop, cols, "_atom_site_occupancy", true);
-    const long c_x = find_column(loop, cols, "_atom_site_fract_x", true);
-    const long c_y = find_column(loop, cols, "_atom_site_fract_y", true);
-    const long c_z = find_column(loop, cols, "_atom_site_fract_z", true);
+    const quovix_cif_loop table{loop, rows, cols};
+    const long c_occ = table.column("_atom_site_occupancy", true);
+    const long c_x = table.column("_atom_site_fract_x", true);
+    const long c_y = table.column("_atom_site_fract_y", true);
+    const long c_z = table.column("_atom_site_fract_z", true);
     if (c_occ < 0 || c_x < 0 || c_y < 0 || c_z < 0) {
         std::fputs("Error: invalid keywords.\n", stderr);
         return 1;
@@ -616,14 +379,14 @@ int quovix_cell_import_cif_read_atom(QUOVIX_ATOM *atom, char ***loop, long rows,
                                                "Error: unable to read fractional z.\n"};
     for (long i = 1; i < rows; ++i) {
         QUOVIX_ATOM &a = atom[i - 1];
-        if (!read_number(cell_text(loop, i, c_occ), a.occ)) {
+        if (!read_number(table.at(i, c_occ), a.occ)) {
             std::fputs("Error: unable to read occupancy.\n", stderr);
             return 1;
         }
         const long cc[3] = {c_x, c_y, c_z};
         for (int k = 0; k < 3; ++k) {
             double v = 0.0;
-            if (!read_number(cell_text(loop, i, cc[k]), v)) {
+            if (!read_number(table.at(i, cc[k]), v)) {
                 std::fputs(coord_error[k], stderr);
                 return 1;
             }
@@ -641,13 +404,14 @@ int quovix_cell_import_cif_read_atom(QUOVIX_ATOM *atom, char ***loop, long rows,
 int quovix_cell_import_cif_read_atom_constraint(QUOVIX_ATOM *atom, char ***loop, long rows,
                                                 long cols) {
     if (atom == nullptr || loop == nullptr) return 1;
-    const long col = find_column(loop, cols, "_atom_site_quovix_fixed", false);
+    const quovix_cif_loop table{loop, rows, cols};
+    const long col = table.column("_atom_site_quovix_fixed");
     if (col < 0) {
         std::fputs("Error: unable to find keyword '_atom_site_quovix_fixed'.\n", stderr);
         return 1;
     }
     for (long i = 1; i < rows; ++i) {
-        const char *v = cell_text(loop, i, col);
+        const char *v = table.at(i, col);
         atom[i - 1].ignored = v != nullptr && (v[0] == 't' || v[0] == 'T');
     }
     return 0;

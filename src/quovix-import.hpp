@@ -7,6 +7,29 @@
 #include "quovix-alloc.hpp"
 
 // ======================================================================
+// CIF text (quovix-import-text.cpp): tokenizer, loop-block and keyword searches
+// ======================================================================
+/// Read-only view of a loop block as built by quovix_cell_import_cif_grep_loop: row 0 holds
+/// the tags, rows 1 .. rows-1 one record each; cells without a token are null.
+struct quovix_cif_loop {
+    char ***cells = nullptr;
+    long rows = 0;
+    long cols = 0;
+    /// Column whose tag contains `key`: the first match, or the last when `last`; -1 if none.
+    long column(const char *key, bool last = false) const;
+    /// Text of record i in column col; null for col < 0 or an empty cell.
+    const char *at(long i, long col) const;
+};
+int quovix_cell_import_cif_exist_keyword(const char *key, char **rows, long row);
+/// Value of a single-valued key, malloc'ed (free with std::free), or null.
+char *quovix_cell_import_cif_grep_keyword(const char *key, char **rows, long row);
+/// Loop block whose header contains `key`; free with quovix_array_char_3D_free(loop, rows, cols).
+int quovix_cell_import_cif_grep_loop(char ****loop, long *rows, long *cols, const char *key,
+                                     char **content, long row);
+int quovix_array_char_1D_is_blank_line(const char *row);
+char quovix_array_char_1D_first_nonspace_char(const char *row);
+
+// ======================================================================
 // CIF reader (quovix-import-cif.cpp)
 // ======================================================================
 /// Reads a CIF into a new cell (full P1 content) and its symmetry; 0 on success.
@@ -21,14 +44,6 @@ int quovix_cell_import_cif_from_text(QUOVIX_CELL **cell, QUOVIX_SYMMETRY **symme
 /// with std::free), or null.
 QUOVIX_CELL **quovix_cells_import_cif_from_file(const char *prefix, int n, const char *dir_symcards,
                                                 const char *dir_unitary);
-int quovix_cell_import_cif_exist_keyword(const char *key, char **rows, long row);
-/// Value of a single-valued key, malloc'ed (free with std::free), or null.
-char *quovix_cell_import_cif_grep_keyword(const char *key, char **rows, long row);
-/// Loop block whose header contains `key`; free with quovix_array_char_3D_free(loop, rows, cols).
-int quovix_cell_import_cif_grep_loop(char ****loop, long *rows, long *cols, const char *key,
-                                     char **content, long row);
-int quovix_array_char_1D_is_blank_line(const char *row);
-char quovix_array_char_1D_first_nonspace_char(const char *row);
 int quovix_cell_import_cif_read_atom_name(QUOVIX_ATOM *atom, char ***loop, long rows, long cols);
 int quovix_cell_import_cif_read_atom_type(QUOVIX_ATOM *atom, char ***loop, long rows, long cols);
 int quovix_cell_import_cif_read_atom_typeos(QUOVIX_ATOM *atom, char ***loop, long rows, long cols,
@@ -36,6 +51,10 @@ int quovix_cell_import_cif_read_atom_typeos(QUOVIX_ATOM *atom, char ***loop, lon
 int quovix_cell_import_cif_read_atom(QUOVIX_ATOM *atom, char ***loop, long rows, long cols);
 int quovix_cell_import_cif_read_atom_constraint(QUOVIX_ATOM *atom, char ***loop, long rows,
                                                 long cols);
+/// Fixed flags of the file's _atom_site_quovix_fixed column set on the cell's atoms (the
+/// atom's `ignored` field), matched by label so that symmetry copies share their site's flag;
+/// every other atom is cleared. A file without the column has no constraint. 0 or 1.
+int quovix_cell_import_cif_read_constraint(QUOVIX_CELL *cell, const char *filename);
 int quovix_cell_import_cif_read_lattice(QUOVIX_CELL *cell, char **rows, long row);
 int quovix_atom_name_to_type(QUOVIX_ATOM *atom, long total);
 /// Splits mixed-valence sites; may reallocate *atom (with realloc) and grow *total.
@@ -119,15 +138,8 @@ int quovix_cell_export_cif_to_file(const char *filename, QUOVIX_CELL *cell,
 // ======================================================================
 // Parameter sets (quovix-import-ppt.cpp)
 // ======================================================================
-/// Builds the parameter set of a cell (sorts the cell's atoms in place). `type` may be null
-/// (no mobile species). sf <= 0 asks for the screening-factor fit. Null on failure.
-QUOVIX_PROPERTY *quovix_property_import_from_cell(QUOVIX_CELL *cell, const char *type, int os,
-                                                  double sf, const char *dir_unitary,
-                                                  const char *dir_binary);
 int quovix_property_update_index_by_cell(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell);
 int quovix_property_append_index(QUOVIX_PROPERTY *ppt, const char *type, int os);
-int quovix_property_update(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell, const char *dir_unitary,
-                           const char *dir_binary);
 int quovix_property_update_read_from_file(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell,
                                           const char *dir_unitary, const char *dir_binary);
 int quovix_property_unitary_read_from_file(QUOVIX_PROPERTY_UNITARY *uni, const char *type, int os,
@@ -158,6 +170,18 @@ struct quovix_pair_check {
 int quovix_property_validate_pairs(const QUOVIX_PROPERTY *ppt,
                                    std::span<const quovix_pair_check> checks);
 int quovix_property_find_index(QUOVIX_PROPERTY *ppt, const char *type, int os);
+
+// ======================================================================
+// Parameter set of a cell with its screening-factor fit (quovix-import-ppt-build.cpp)
+// ======================================================================
+/// Builds the parameter set of a cell (sorts the cell's atoms in place). `type` may be null
+/// (no mobile species). sf <= 0 asks for the screening-factor fit. Null on failure.
+QUOVIX_PROPERTY *quovix_property_import_from_cell(QUOVIX_CELL *cell, const char *type, int os,
+                                                  double sf, const char *dir_unitary,
+                                                  const char *dir_binary);
+/// The build stages on a labelled set, the screening-factor fit included; 0 on success.
+int quovix_property_update(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell, const char *dir_unitary,
+                           const char *dir_binary);
 
 // ======================================================================
 // Pair functions (quovix-import-pair.cpp); x is the distance in A,

@@ -42,6 +42,7 @@ constexpr double close_contact = QUOVIX_MIN_CONTACT;
 constexpr double weight_free = QUOVIX_COULOMB_HALF;  // ordered pair of two free ions
 constexpr double weight_fixed = QUOVIX_COULOMB;      // a free ion and a fixed atom
 constexpr long max_shift = 1000000000L;  // lattice translations beyond this: diverged run
+constexpr long parallel_entries = 8192;  // list entries above which the forces use threads
 
 bool valid(const QUOVIX_MD *md) {
     return md != nullptr && md->cell != nullptr && md->ppt != nullptr && md->state != nullptr &&
@@ -205,6 +206,9 @@ void build_lists(QUOVIX_MD *md) {
         }
     }
     if (!ok) throw std::bad_alloc();
+    s.list_entries = 0;
+    for (const std::vector<quovix_md_contact> &list : s.lists)
+        s.list_entries += static_cast<long>(list.size());
     s.lists_valid = true;
     ++s.list_builds;
 }
@@ -324,7 +328,10 @@ int quovix_md_calculate_interaction(QUOVIX_MD *md, double (*f)[3], double *en_p,
         std::vector<ion_sum> sums(s.free.size());
         const contact_visitor visit{md, &s, en_p != nullptr || virial != nullptr};
         const long *n = s.frame.n;
-#pragma omp parallel for schedule(dynamic, 1)
+        // Threads only pay off above a few thousand contacts (a small cell's step is tens of
+        // microseconds, comparable to waking a second thread on a busy machine).
+        const bool parallel = s.list_entries > parallel_entries;
+#pragma omp parallel for schedule(dynamic, 1) if (parallel)
         for (long q = 0; q < nfree; ++q) {
             const long i = s.free[q];
             const long *si = &s.shift[3 * i];

@@ -9,6 +9,7 @@
 
 #include "quovix-alloc.hpp"
 #include "quovix-images.hpp"
+#include "quovix-import.hpp"
 #include "quovix-io.hpp"
 
 // ---------------------------------------------------------------------------------------------
@@ -63,6 +64,7 @@ struct quovix_md_state {
     std::vector<double> x_build;  // 3 per free atom: x when the lists were built
     bool lists_valid = false;
     long list_builds = 0;
+    long list_entries = 0;  // entries of all lists
     bool framework_done = false;
     double virial_framework = 0.0;  // virial of the fixed atoms among themselves (eV)
     std::unique_ptr<quovix_output_file> log, xyz, trj;
@@ -168,9 +170,6 @@ int quovix_md_calculate_conduction_property(QUOVIX_MD *md);
 // ---------------------------------------------------------------------------------------------
 // Helpers of other layers used by the run
 // ---------------------------------------------------------------------------------------------
-/// Fixed flags of _atom_site_quovix_fixed (when the file has that column) put on the atoms of
-/// the cell with the same label; a file without the column leaves every flag clear. 0 or 1.
-int quovix_cell_import_cif_read_constraint(QUOVIX_CELL *cell, const char *filename);
 /// Sets ppt->conducting to the species (type, os); 0, or 1 when it is absent.
 int quovix_property_set_conducting(QUOVIX_PROPERTY *ppt, const char *type, int os);
 /// Fills r[0..n-1][0..2] with normal deviates (quovix_random_normal).
