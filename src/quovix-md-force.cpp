@@ -171,6 +171,42 @@ bool lists_stale(const QUOVIX_MD *md) {
     return false;
 }
 
+// Pairs the entries (i, j, k) and (j, i, -k) of two free ions (the same contact seen from both
+// ends; -k because the lists count translations between unwrapped positions). Each list is
+// sorted by (j, k), so the partner is found by bisection.
+void link_mirrors(quovix_md_state &s) {
+    const std::size_t nf = s.free.size();
+    s.list_offset.assign(nf + 1, 0);
+    for (std::size_t n = 0; n < nf; ++n)
+        s.list_offset[n + 1] = s.list_offset[n] + static_cast<long>(s.lists[n].size());
+    s.mirror.assign(static_cast<std::size_t>(s.list_offset[nf]), -1);
+    s.pair_q.assign(static_cast<std::size_t>(s.list_offset[nf]), 0.0);
+    std::vector<long> free_index(s.is_free.size(), -1);
+    for (std::size_t n = 0; n < nf; ++n) free_index[s.free[n]] = static_cast<long>(n);
+    const auto before = [](const quovix_md_contact &a, const quovix_md_contact &b) {
+        if (a.j != b.j) return a.j < b.j;
+        for (int m = 0; m < 3; ++m)
+            if (a.k[m] != b.k[m]) return a.k[m] < b.k[m];
+        return false;
+    };
+    const long nfree = static_cast<long>(nf);
+#pragma omp parallel for schedule(dynamic, 4)
+    for (long n = 0; n < nfree; ++n) {
+        const std::vector<quovix_md_contact> &list = s.lists[n];
+        for (std::size_t e = 0; e < list.size(); ++e) {
+            const long m = free_index[list[e].j];
+            if (m < 0) continue;
+            quovix_md_contact key;
+            key.j = static_cast<int>(s.free[n]);
+            for (int c = 0; c < 3; ++c) key.k[c] = -list[e].k[c];
+            const std::vector<quovix_md_contact> &other = s.lists[m];
+            const auto it = std::lower_bound(other.begin(), other.end(), key, before);
+            if (it != other.end() && !before(key, *it))
+                s.mirror[s.list_offset[n] + e] = s.list_offset[m] + (it - other.begin());
+        }
+    }
+}
+
 void build_lists(QUOVIX_MD *md) {
     quovix_md_state &s = *md->state;
     const QUOVIX_CELL *cell = md->cell;
@@ -209,6 +245,7 @@ void build_lists(QUOVIX_MD *md) {
     s.list_entries = 0;
     for (const std::vector<quovix_md_contact> &list : s.lists)
         s.list_entries += static_cast<long>(list.size());
+    link_mirrors(s);
     s.lists_valid = true;
     ++s.list_builds;
 }
@@ -314,8 +351,11 @@ int quovix_md_calculate_interaction_plain(QUOVIX_MD *md, double (*f)[3], double 
     });
 }
 
-/// Shipped loop over the neighbour lists (rebuilt here when stale); same result as the plain
-/// loop.
+/// Shipped loop over the neighbour lists (rebuilt here when stale). With the energy or the
+/// virial asked for, every entry is evaluated in the plain loop's order, which gives the plain
+/// loop's sums exactly. For the forces alone, each contact between two free ions is evaluated
+/// once, by the entry of the lower ion (or the lower entry of an ion's own images), and both
+/// ends take phi'(d)/d from it: the same forces up to rounding, for half the pair terms.
 int quovix_md_calculate_interaction(QUOVIX_MD *md, double (*f)[3], double *en_p, double *virial) {
     if (!valid(md)) {
         std::fputs("Error: QUOVIX_MD has not been properly initialized.\n", stderr);
@@ -326,27 +366,88 @@ int quovix_md_calculate_interaction(QUOVIX_MD *md, double (*f)[3], double *en_p,
         if (lists_stale(md)) build_lists(md);
         const long nfree = static_cast<long>(s.free.size());
         std::vector<ion_sum> sums(s.free.size());
-        const contact_visitor visit{md, &s, en_p != nullptr || virial != nullptr};
         const long *n = s.frame.n;
         // Threads only pay off above a few thousand contacts (a small cell's step is tens of
         // microseconds, comparable to waking a second thread on a busy machine).
         const bool parallel = s.list_entries > parallel_entries;
+        // Image of the plain loop for entry c of free ion i; false outside -n..n.
+        const auto image = [&](long i, const quovix_md_contact &c, long k[3]) {
+            const long *si = &s.shift[3 * i];
+            const long *sj = &s.shift[3 * c.j];
+            bool inside = true;
+            for (int m = 0; m < 3; ++m) {
+                k[m] = c.k[m] + si[m] - sj[m];
+                inside = inside && k[m] >= -n[m] && k[m] <= n[m];
+            }
+            return inside;
+        };
+        if (en_p != nullptr || virial != nullptr || f == nullptr) {
+            const contact_visitor visit{md, &s, en_p != nullptr || virial != nullptr};
+#pragma omp parallel for schedule(dynamic, 1) if (parallel)
+            for (long q = 0; q < nfree; ++q) {
+                const long i = s.free[q];
+                for (const quovix_md_contact &c : s.lists[q]) {
+                    long k[3];
+                    if (image(i, c, k)) visit(i, c.j, k, sums[q]);
+                }
+            }
+            gather(md, sums, f, en_p, virial);
+            return 0;
+        }
+        const QUOVIX_CELL *cell = md->cell;
+        // Pass 1: phi'(d)/d of the owned entries (14.39964 included; 0 when not counted).
 #pragma omp parallel for schedule(dynamic, 1) if (parallel)
         for (long q = 0; q < nfree; ++q) {
             const long i = s.free[q];
-            const long *si = &s.shift[3 * i];
-            for (const quovix_md_contact &c : s.lists[q]) {
-                const long *sj = &s.shift[3 * c.j];
+            const QUOVIX_ATOM &ai = cell->atom[i];
+            const std::vector<quovix_md_contact> &list = s.lists[q];
+            const long first = s.list_offset[q];
+            for (std::size_t e = 0; e < list.size(); ++e) {
+                const long g = first + static_cast<long>(e);
+                const long partner = s.mirror[g];
+                if (partner >= 0 && partner < g) continue;  // evaluated by its partner
+                s.pair_q[g] = 0.0;
+                const quovix_md_contact &c = list[e];
                 long k[3];
-                bool inside = true;
-                for (int m = 0; m < 3; ++m) {
-                    k[m] = c.k[m] + si[m] - sj[m];
-                    inside = inside && k[m] >= -n[m] && k[m] <= n[m];
-                }
-                if (inside) visit(i, c.j, k, sums[q]);
+                if (!image(i, c, k)) continue;
+                const QUOVIX_ATOM &aj = cell->atom[c.j];
+                double v[3];
+                const double d =
+                    quovix_images::distance(s.frame.a, ai.x, aj.x, k[0], k[1], k[2], v);
+                const bool self = c.j == i && k[0] == 0 && k[1] == 0 && k[2] == 0;
+                if (d < QUOVIX_MD_WARN_DISTANCE && !self) sums[q].warnings.push_back(d);
+                const quovix_md_term &t =
+                    s.table[static_cast<std::size_t>(s.species[i]) * s.total_species +
+                            s.species[c.j]];
+                if (t.kind == quovix_md_term::none || !(d <= t.range) ||
+                    !contact_counts(d, ai, aj) || !(d > 0.0))
+                    continue;
+                s.pair_q[g] = QUOVIX_COULOMB * term_force(t, d) / d;
             }
         }
-        gather(md, sums, f, en_p, virial);
+        // Pass 2: each ion gathers its contacts in list order.
+#pragma omp parallel for schedule(dynamic, 1) if (parallel)
+        for (long q = 0; q < nfree; ++q) {
+            const long i = s.free[q];
+            const QUOVIX_ATOM &ai = cell->atom[i];
+            const std::vector<quovix_md_contact> &list = s.lists[q];
+            const long first = s.list_offset[q];
+            double fi[3] = {0.0, 0.0, 0.0};
+            for (std::size_t e = 0; e < list.size(); ++e) {
+                const long g = first + static_cast<long>(e);
+                const long partner = s.mirror[g];
+                const double pq = s.pair_q[partner >= 0 && partner < g ? partner : g];
+                if (pq == 0.0) continue;
+                long k[3];
+                if (!image(i, list[e], k)) continue;
+                const QUOVIX_ATOM &aj = cell->atom[list[e].j];
+                double v[3];
+                quovix_images::distance(s.frame.a, ai.x, aj.x, k[0], k[1], k[2], v);
+                for (int c = 0; c < 3; ++c) fi[c] -= aj.occ * pq * v[c];
+            }
+            for (int c = 0; c < 3; ++c) sums[q].f[c] = fi[c];
+        }
+        gather(md, sums, f, nullptr, nullptr);
         return 0;
     });
 }

@@ -64,7 +64,10 @@ struct quovix_md_state {
     std::vector<double> x_build;  // 3 per free atom: x when the lists were built
     bool lists_valid = false;
     long list_builds = 0;
-    long list_entries = 0;  // entries of all lists
+    long list_entries = 0;          // entries of all lists
+    std::vector<long> list_offset;  // first entry of each list in the flat numbering
+    std::vector<long> mirror;       // entry (j, i, -k) of entry (i, j, k), -1 if none
+    std::vector<double> pair_q;     // 14.39964 phi'(d) / d of each owned entry
     bool framework_done = false;
     double virial_framework = 0.0;  // virial of the fixed atoms among themselves (eV)
     std::unique_ptr<quovix_output_file> log, xyz, trj;
