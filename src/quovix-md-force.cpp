@@ -103,6 +103,15 @@ struct contact_visitor {
     }
 };
 
+// v = x_i moved by k . a, less x_j: the arithmetic of quovix_images::distance.
+inline void image_vector(const double a[3][3], const double xi[3], const double xj[3],
+                         const long k[3], double v[3]) {
+    for (int c = 0; c < 3; ++c) {
+        const double moved = xi[c] + k[0] * a[0][c] + k[1] * a[1][c] + k[2] * a[2][c];
+        v[c] = moved - xj[c];
+    }
+}
+
 // Adds the per-ion sums in ion order and prints the warnings.
 void gather(QUOVIX_MD *md, const std::vector<ion_sum> &sums, double (*f)[3], double *en_p,
             double *virial) {
@@ -395,6 +404,7 @@ int quovix_md_calculate_interaction(QUOVIX_MD *md, double (*f)[3], double *en_p,
             return 0;
         }
         const QUOVIX_CELL *cell = md->cell;
+        const double warn2 = QUOVIX_MD_WARN_DISTANCE * QUOVIX_MD_WARN_DISTANCE;
         // Pass 1: phi'(d)/d of the owned entries (14.39964 included; 0 when not counted).
 #pragma omp parallel for schedule(dynamic, 1) if (parallel)
         for (long q = 0; q < nfree; ++q) {
@@ -411,14 +421,18 @@ int quovix_md_calculate_interaction(QUOVIX_MD *md, double (*f)[3], double *en_p,
                 long k[3];
                 if (!image(i, c, k)) continue;
                 const QUOVIX_ATOM &aj = cell->atom[c.j];
-                double v[3];
-                const double d =
-                    quovix_images::distance(s.frame.a, ai.x, aj.x, k[0], k[1], k[2], v);
-                const bool self = c.j == i && k[0] == 0 && k[1] == 0 && k[2] == 0;
-                if (d < QUOVIX_MD_WARN_DISTANCE && !self) sums[q].warnings.push_back(d);
                 const quovix_md_term &t =
                     s.table[static_cast<std::size_t>(s.species[i]) * s.total_species +
                             s.species[c.j]];
+                double v[3];
+                image_vector(s.frame.a, ai.x, aj.x, k, v);
+                const double d2 = v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
+                // Far contacts are dropped before the square root (then d > range for sure).
+                const double reach = t.range + 1e-6;
+                if (d2 >= warn2 && (t.kind == quovix_md_term::none || d2 > reach * reach)) continue;
+                const double d = std::sqrt(d2);  // as quovix_images::distance computes it
+                const bool self = c.j == i && k[0] == 0 && k[1] == 0 && k[2] == 0;
+                if (d < QUOVIX_MD_WARN_DISTANCE && !self) sums[q].warnings.push_back(d);
                 if (t.kind == quovix_md_term::none || !(d <= t.range) ||
                     !contact_counts(d, ai, aj) || !(d > 0.0))
                     continue;
@@ -442,7 +456,7 @@ int quovix_md_calculate_interaction(QUOVIX_MD *md, double (*f)[3], double *en_p,
                 if (!image(i, list[e], k)) continue;
                 const QUOVIX_ATOM &aj = cell->atom[list[e].j];
                 double v[3];
-                quovix_images::distance(s.frame.a, ai.x, aj.x, k[0], k[1], k[2], v);
+                image_vector(s.frame.a, ai.x, aj.x, k, v);
                 for (int c = 0; c < 3; ++c) fi[c] -= aj.occ * pq * v[c];
             }
             for (int c = 0; c < 3; ++c) sums[q].f[c] = fi[c];
