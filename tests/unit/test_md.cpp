@@ -183,7 +183,8 @@ TEST(MdForces, ListsMatchPlainLoopAlongTrajectoryForAnyThreadCount) {
 // ---------------------------------------------------------------------------------- dynamics
 
 // Without friction (plain velocity Verlet, dt = 1 fs) the total energy is conserved: after the
-// ions are brought to 300 K, the energy drifts by less than 1e-3 eV/ps per free ion over 2 ps.
+// ions are brought to 300 K, the energy drifts by less than 2e-5 eV/ps per free ion over 2 ps
+// (measured: -3.7e-6 eV/ps for the 28 Ag+ ions, 1.3e-7 per ion).
 TEST(MdDynamics, VelocityVerletConservesEnergy) {
     quovix_md_ptr md = started_run("Ag7PSe6_argyrodite.cif", "Ag", 1, 300.0, 3);
     ASSERT_TRUE(md);
@@ -213,7 +214,7 @@ TEST(MdDynamics, VelocityVerletConservesEnergy) {
     char text[64];
     std::snprintf(text, sizeof text, "%.3e eV/ps (%.3e eV/ps per ion)", slope, per_ion);
     RecordProperty("energy_drift", text);
-    EXPECT_LT(std::fabs(per_ion), 1e-3) << "drift " << slope << " eV/ps";
+    EXPECT_LT(std::fabs(per_ion), 2e-5) << "drift " << slope << " eV/ps";
     EXPECT_GT(md->temperature, 100.0);  // the ions really moved
 }
 
