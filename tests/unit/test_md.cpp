@@ -180,6 +180,29 @@ TEST(MdForces, ListsMatchPlainLoopAlongTrajectoryForAnyThreadCount) {
     EXPECT_EQ(final_x[0], final_x[1]);
 }
 
+// An ion put 0.05 A from a framework atom gets one warning per force evaluation, from both
+// loops, and the run goes on.
+TEST(MdForces, CloseContactWarnsOncePerPair) {
+    quovix_md_ptr md = make_run("Ag7PSe6_argyrodite.cif", "Ag", 1);
+    ASSERT_TRUE(md);
+    const long ion = md->state->free[0];
+    long fixed = 0;
+    while (!md->cell->atom[fixed].ignored) ++fixed;
+    for (int c = 0; c < 3; ++c) md->x[ion][c] = md->cell->atom[fixed].x[c] + (c == 0 ? 0.05 : 0.0);
+    ASSERT_EQ(quovix_md_update_cell(md.get()), 0);
+    md->step = 7;
+    const std::string warning = "Warning: unphysically low distance 0.050000 detected at step 7.\n";
+    test_import::Captured fast =
+        capture([&] { EXPECT_NE(quovix_md_calculate_force(md.get()), nullptr); });
+    EXPECT_EQ(fast.out, warning);
+    double e = 0.0;
+    test_import::Captured plain = capture([&] {
+        EXPECT_EQ(quovix_md_calculate_interaction_plain(md.get(), nullptr, &e, nullptr), 0);
+    });
+    EXPECT_EQ(plain.out, warning);
+    EXPECT_TRUE(std::isfinite(e));
+}
+
 // ---------------------------------------------------------------------------------- dynamics
 
 // Without friction (plain velocity Verlet, dt = 1 fs) the total energy is conserved: after the
