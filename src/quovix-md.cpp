@@ -30,10 +30,21 @@ constexpr double max_temperature = 1.0e6;  // K; hotter requests are errors
 // A run writes at most this many lines of structures (frames x atoms).
 constexpr double max_xyz_lines = 1.0e8;
 
+bool check_steps(double t, double dt) {
+    const double n = t / dt;
+    return n <= static_cast<double>(QUOVIX_MD_MAX_STEPS);  // false for NaN
+}
+
 bool valid(const QUOVIX_MD *md) {
     return md != nullptr && md->cell != nullptr && md->ppt != nullptr && md->state != nullptr &&
            md->m != nullptr && md->x != nullptr && md->x0 != nullptr && md->x_p1 != nullptr &&
            md->v != nullptr && md->v_nh != nullptr && md->f != nullptr && md->r != nullptr;
+}
+
+// Time step, phase lengths and sampling interval set (by quovix_md_init_vv).
+bool ready(const QUOVIX_MD *md) {
+    return md->dt > 0.0 && md->step_log >= 1 && check_steps(md->t_end, md->dt) &&
+           check_steps(md->t_equil, md->dt);
 }
 
 int not_initialized() {
@@ -644,7 +655,7 @@ int quovix_md_calculate_conduction_property(QUOVIX_MD *md) {
 
 /// Equilibration: Langevin steps for t_equil, with the progress bar.
 int quovix_md_equilibrate(QUOVIX_MD *md) {
-    if (!valid(md)) return not_initialized();
+    if (!valid(md) || !ready(md)) return not_initialized();
     const long steps = phase_steps(md->t_equil, md->dt);
     std::printf("MD: equilibration phase\n");
     std::printf("MD: target  : --------------------\n");
@@ -669,7 +680,7 @@ int quovix_md_equilibrate(QUOVIX_MD *md) {
 /// conduction properties are computed and the three logs written. The production is also cut
 /// into QUOVIX_MD_BLOCKS blocks whose diffusivities give the standard error.
 int quovix_md_run(QUOVIX_MD *md) {
-    if (!valid(md)) return not_initialized();
+    if (!valid(md) || !ready(md)) return not_initialized();
     return quovix_guard("production", [&]() -> int {
         quovix_md_state &s = *md->state;
         const long steps = phase_steps(md->t_end, md->dt);
