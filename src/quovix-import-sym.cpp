@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "quovix-import.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 
@@ -569,7 +570,7 @@ void clear_marks(QUOVIX_CELL *cell) {
     for (long i = 0; i < cell->total; ++i) cell->atom[i].ignored = false;
 }
 
-QUOVIX_CELL *reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, bool fast) {
+QUOVIX_CELL *reduce_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry, bool fast) {
     if (!cell_has_atoms(cell) || !symmetry_has_cards(symmetry)) {
         std::fputs("Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n",
                    stderr);
@@ -627,7 +628,7 @@ QUOVIX_CELL *reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, bo
     });
 }
 
-int flag_site_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, bool fast) {
+int flag_site_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry, bool fast) {
     if (!cell_has_atoms(cell) || !symmetry_has_cards(symmetry)) {
         std::fputs("Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n",
                    stderr);
@@ -668,7 +669,7 @@ bool validate_partner(const QUOVIX_ATOM &src, const QUOVIX_ATOM &cand, const dou
            std::fabs(cand.occ - src.occ) < kValidateOcc && distance3(p, cand.x) < tolerance;
 }
 
-bool validate_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, double tolerance,
+bool validate_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry, double tolerance,
                           bool fast) {
     if (cell == nullptr || symmetry == nullptr) {
         std::fputs("Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n",
@@ -1002,7 +1003,8 @@ QUOVIX_ATOM quovix_atom_spawn_by_card(const QUOVIX_ATOM *atom, const QUOVIX_CARD
 /// Expands atoms by every card (atom i, card k goes to position i*total+k), removes
 /// duplicates (the first occurrence survives) and sorts; *atom is replaced (the old array
 /// is freed) and *total updated. 1 with a message on failure, the input left untouched.
-int quovix_atom_spawn_by_symmetry(QUOVIX_ATOM **atom, long *total, QUOVIX_SYMMETRY *symmetry) {
+int quovix_atom_spawn_by_symmetry(QUOVIX_ATOM **atom, long *total,
+                                  const QUOVIX_SYMMETRY *symmetry) {
     if (atom == nullptr || *atom == nullptr || total == nullptr || *total < 1) {
         std::fputs("Error: QUOVIX_ATOM has not been properly initialized.\n", stderr);
         return 1;
@@ -1129,22 +1131,23 @@ int quovix_atom_name_compare(const char *a, const char *b) {
 /// New cell with one atom per orbit: an atom equal to the image of an earlier kept atom
 /// under some card is dropped. Null (with a message) for a cell without atoms or a
 /// symmetry without cards. The input cell is not changed.
-QUOVIX_CELL *quovix_cell_reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+QUOVIX_CELL *quovix_cell_reduce_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry) {
     return reduce_by_symmetry(cell, symmetry, true);
 }
 
 /// Reference version of quovix_cell_reduce_by_symmetry (all pairs).
-QUOVIX_CELL *quovix_cell_reduce_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+QUOVIX_CELL *quovix_cell_reduce_by_symmetry_plain(QUOVIX_CELL *cell,
+                                                  const QUOVIX_SYMMETRY *symmetry) {
     return reduce_by_symmetry(cell, symmetry, false);
 }
 
 /// Numbers the orbits in each atom's `flag` (from 1, in order of first appearance).
-int quovix_cell_flag_site_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+int quovix_cell_flag_site_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry) {
     return flag_site_by_symmetry(cell, symmetry, true);
 }
 
 /// Reference version of quovix_cell_flag_site_by_symmetry (all pairs).
-int quovix_cell_flag_site_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+int quovix_cell_flag_site_by_symmetry_plain(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry) {
     return flag_site_by_symmetry(cell, symmetry, false);
 }
 
@@ -1153,13 +1156,13 @@ int quovix_cell_flag_site_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *
 /// within 0.0005, whose stored position is closer than `tolerance` (A; <= 0 means 0.01),
 /// without periodic images. The first such partner and the atom are marked in `ignored`;
 /// on failure all marks are cleared, on success the marks of the last card are left.
-bool quovix_cell_validate_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
+bool quovix_cell_validate_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry,
                                       double tolerance) {
     return validate_by_symmetry(cell, symmetry, tolerance, true);
 }
 
 /// Reference version of quovix_cell_validate_by_symmetry (all pairs).
-bool quovix_cell_validate_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
+bool quovix_cell_validate_by_symmetry_plain(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry,
                                             double tolerance) {
     return validate_by_symmetry(cell, symmetry, tolerance, false);
 }

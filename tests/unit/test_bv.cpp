@@ -11,6 +11,7 @@
 #include "quovix-alloc.hpp"
 #include "quovix-bv.hpp"
 #include "quovix-import.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

@@ -15,6 +15,7 @@
 #include "quovix-alloc.hpp"
 #include "quovix-cube.hpp"
 #include "quovix-import.hpp"
+#include "quovix-reference.hpp"
 #include "temp_dir.hpp"
 
 namespace {
