@@ -80,40 +80,6 @@ void quovix_cmd_opt_do_gen_cube_tot_eam(QUOVIX_CMD_OPT *) {
          "Example: ./quovix.x --gen-cube-tot-eam Li2O.cif Li 1\n"});
 }
 
-void quovix_cmd_opt_do_cal_cn(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --cal-cn [input.cif] [atom name] | {bin width}\n\n",
-                 "Command: calculates the coordination number of the specified atom by radial "
-                 "distribution.\n",
-                 "Example: ./quovix.x --cal-cn Li2O.cif Li1\n"});
-}
-
-void quovix_cmd_opt_do_cal_cn_atom(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --cal-cn-atom [input.cif] [atom name] | {radius}\n\n",
-                 "Command: prints the coordination shell of the specified atom.\n",
-                 "Example: ./quovix.x --cal-cn-atom Li2O.cif Li1\n"});
-}
-
-void quovix_cmd_opt_do_cal_cn_type(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --cal-cn-type [input.cif] [type1] [os1] [type2] [os2]\n\n",
-                 "Command: calculates the averaged coordination number of the specified pair of "
-                 "ions.\n",
-                 "Example: ./quovix.x --cal-cn-type Li2O.cif Li 1 O -2\n"});
-}
-
-void quovix_cmd_opt_do_cal_cn_bv(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --cal-cn-bv [input.cif] [atom name]\n\n",
-                 "Command: calculates the coordination number of the specified atom by bond "
-                 "valence theory.\n",
-                 "Example: ./quovix.x --cal-cn-bv Li2O.cif Li1\n"});
-}
-
-void quovix_cmd_opt_do_cal_cn_gui(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --cal-cn-gui [input.cif]\n\n",
-                 "Command: calculates coordination numbers of all sites by bond valence "
-                 "theory.\n",
-                 "Example: ./quovix.x --cal-cn-gui Li2O.cif\n"});
-}
-
 void quovix_cmd_opt_do_rx_sd(QUOVIX_CMD_OPT *) {
     print_lines({"Command: --rx-sd [input.cif] | {sf} {step_max} {output_name}\n\n",
                  "Command: relaxes the cell by steepest descent and writes the result in cif "
