@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "quovix-grid.hpp"
 #include "quovix-import.hpp"
 #include "quovix-reference.hpp"
 
@@ -64,6 +65,7 @@ class FracBins {
         if (nb > max_bins) nb = max_bins;
         if (nb < 3) nb = 1;  // with fewer than three bins the neighbours would repeat
         nb_ = nb;
+        grid_ = quovix_grid(nb_, nb_, nb_);
         start_.assign(static_cast<std::size_t>(nb_ * nb_ * nb_) + 1, 0);
         std::vector<long> key(static_cast<std::size_t>(total));
         for (long i = 0; i < total; ++i) {
@@ -89,7 +91,7 @@ class FracBins {
         for (int dx = -reach; dx <= reach; ++dx) {
             for (int dy = -reach; dy <= reach; ++dy) {
                 for (int dz = -reach; dz <= reach; ++dz) {
-                    const long b = flat(wrap(c[0] + dx), wrap(c[1] + dy), wrap(c[2] + dz));
+                    const long b = grid_.flat(c[0] + dx, c[1] + dy, c[2] + dz);
                     for (long t = start_[static_cast<std::size_t>(b)];
                          t < start_[static_cast<std::size_t>(b) + 1]; ++t) {
                         f(index_[static_cast<std::size_t>(t)]);
@@ -108,13 +110,12 @@ class FracBins {
         if (b < 0) b = 0;
         return b;
     }
-    long wrap(long b) const { return (b % nb_ + nb_) % nb_; }
-    long flat(long i, long j, long k) const { return (i * nb_ + j) * nb_ + k; }
     long bin_of(const double x[3]) const {
-        return flat(axis_bin(x[0]), axis_bin(x[1]), axis_bin(x[2]));
+        return grid_.flat_inside(axis_bin(x[0]), axis_bin(x[1]), axis_bin(x[2]));
     }
 
     long nb_ = 1;
+    quovix_grid grid_;  // nb_ bins per axis, periodic
     std::vector<long> start_;
     std::vector<long> index_;
 };
@@ -987,7 +988,7 @@ void quovix_card_transform_vector3_long(long out[3], const long in[3], const lon
         long v = card->r_i[k][0] * in[0] + card->r_i[k][1] * in[1] + card->r_i[k][2] * in[2] +
                  card->t_i[k];
         // Same as subtracting n while v >= n and adding n while v < 0.
-        if (n[k] > 0) v = ((v % n[k]) + n[k]) % n[k];
+        if (n[k] > 0) v = quovix_grid::wrap(v, n[k]);
         res[k] = v;
     }
     for (int k = 0; k < 3; ++k) out[k] = res[k];
