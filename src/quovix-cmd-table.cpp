@@ -40,6 +40,7 @@ constexpr quovix_command kCommands[] = {
      "occupancy 1.0 at random."},
     {"--gen-cif-assign-all", quovix_cmd_opt_do_gen_cif_assign_all,
      "write the cell with all partially occupied sites assigned occupancy 1.0 at random."},
+    {"--gen-cif-os", quovix_cmd_opt_do_gen_cif_os, nullptr},
     {"--gen-gin-lib", quovix_cmd_opt_do_gen_gin_lib,
      "generate a Morse type forcefield file in .lib format for calculation with software GULP."},
     {"--gen-gin-eam", quovix_cmd_opt_do_gen_gin_eam,

@@ -88,6 +88,7 @@ void quovix_cmd_opt_do_gen_cif_reduced(QUOVIX_CMD_OPT *opt);
 void quovix_cmd_opt_do_gen_cif_p1(QUOVIX_CMD_OPT *opt);
 void quovix_cmd_opt_do_gen_cif_assign(QUOVIX_CMD_OPT *opt);
 void quovix_cmd_opt_do_gen_cif_assign_all(QUOVIX_CMD_OPT *opt);
+void quovix_cmd_opt_do_gen_cif_os(QUOVIX_CMD_OPT *opt);
 void quovix_cmd_opt_do_gen_gin_lib(QUOVIX_CMD_OPT *opt);
 void quovix_cmd_opt_do_gen_gin_eam(QUOVIX_CMD_OPT *opt);
 void quovix_cmd_opt_do_gen_gin(QUOVIX_CMD_OPT *opt);

@@ -51,6 +51,10 @@ int quovix_cell_import_cif_read_atom_typeos(QUOVIX_ATOM *atom, char ***loop, lon
 int quovix_cell_import_cif_read_atom(QUOVIX_ATOM *atom, char ***loop, long rows, long cols);
 int quovix_cell_import_cif_read_atom_constraint(QUOVIX_ATOM *atom, char ***loop, long rows,
                                                 long cols);
+/// Fixed flags of the file's _atom_site_quovix_fixed column set on the cell's atoms (the
+/// atom's `ignored` field), matched by label so that symmetry copies share their site's flag;
+/// every other atom is cleared. A file without the column has no constraint. 0 or 1.
+int quovix_cell_import_cif_read_constraint(QUOVIX_CELL *cell, const char *filename);
 int quovix_cell_import_cif_read_lattice(QUOVIX_CELL *cell, char **rows, long row);
 int quovix_atom_name_to_type(QUOVIX_ATOM *atom, long total);
 /// Splits mixed-valence sites; may reallocate *atom (with realloc) and grow *total.

@@ -9,8 +9,11 @@ Inputs (tools/params):
                         Brese & O'Keeffe element parameters r and c.
   bvparm2020_pairs.csv  the rows of the accumulated table of bond-valence parameters
                         (bvparm2020.cif); its notice is in tools/params/NOTICE.
+  oxide_cn.csv          characteristic (weighted mean) coordination numbers of cations in
+                        oxides and oxysalts, Hawthorne (2026), Mineralogical Magazine,
+                        doi:10.1180/mgm.2026.10215, Appendix 3 (CC BY 4.0).
 
-The rules ("rules v1") are the ones written in the header of each output file and
+The rules ("rules v2") are the ones written in the header of each output file and
 in the comments below.  The output is a pure function of the two inputs: LF line
 ends, fixed order, fixed number formats.
 
@@ -26,7 +29,7 @@ import math
 import os
 import sys
 
-RULES_VERSION = "rules v1"
+RULES_VERSION = "rules v2"
 GENERATOR = "tools/gen_params.py"
 MAX_Z = 99
 
@@ -64,13 +67,16 @@ D10_TETRAHEDRAL_ANIONS = frozenset(("S", "Se", "Te", "I", "P", "As"))
 D10_MONOVALENT = frozenset((("Cu", 1), ("Ag", 1), ("Au", 1)))
 D10_MONOVALENT_ANIONS = frozenset(("O", "N"))
 
+# Cations whose radius ratio says 4 with these anions but that are octahedral in
+# corundum, spinels, garnets, beryl and the cryolites.
+OCTAHEDRAL_OVERRIDES = frozenset((("Al", 3, "O"), ("Al", 3, "F")))
+
 # Radius-ratio limits: the largest CN in this list whose limit rho reaches wins.
 RATIO_LIMITS = ((8, 0.732), (6, 0.414), (4, 0.225), (3, 0.155))
 
 # Conversion of a first-shell pair (R0_1, b_1) to one that counts distant neighbours.
 B_CONST, B_SOFT, B_N_CAT, B_N_AN = 0.4341, 0.2871, -0.0228, 0.0534
 B_MIN, B_MAX = 0.30, 0.80
-FIRST_SHELL_SHARE = 0.86   # valence carried by the first shell (median of the soft rows)
 BOK_B = 0.37
 CUTOFF_MIN, CUTOFF_MAX = 4.0, 8.0
 
@@ -212,7 +218,9 @@ Changes made to the table's values by this project:
 - Rows of the softness-sensitive references (c, ax, ay) are used as they are; every other
   chosen row (or the Brese & O'Keeffe estimate) is converted to a softness-sensitive pair:
   b = 0.4341 + 0.2871 |sigma_cat - sigma_an| - 0.0228 n_cat + 0.0534 n_an, clamped to
-  [0.30, 0.80] and rounded to 0.001; R0 = R0_1 + (b_1 - b) ln(N/V) + b ln(0.86).
+  [0.30, 0.80] and rounded to 0.001; R0 = R0_1 + (b_1 - b) ln(N/V) + b ln(f), f the
+  share of the valence the first shell keeps once a continuum of more distant anions
+  counts too (rules v2; see the header of database_binary.dat; rules v1 had f = 0.86).
 """
 
 
@@ -275,6 +283,34 @@ def read_elements(path):
     if [e["Z"] for e in elements] != list(range(1, MAX_Z + 1)):
         raise ParamError("elements.csv does not hold every element 1..%d" % MAX_Z)
     return elements
+
+
+def fill_covalent_radii(elements):
+    """An element without a Cordero radius (Bk, Cf, Es and heavier) takes that of the
+    nearest lighter element of its block that has one (Cm, 1.69 A), so that no ion has
+    rc = 0 and no structure is refused for it."""
+    for el in elements:
+        if el["rc"] is not None:
+            continue
+        lighter = [e for e in elements if e["Z"] < el["Z"]
+                   and e["block_index"] == el["block_index"] and e["rc"] is not None]
+        if not lighter:
+            raise ParamError("no covalent radius for %s or a lighter element of its block"
+                             % el["symbol"])
+        el["rc"] = lighter[-1]["rc"]
+        el["rc_from"] = lighter[-1]["symbol"]
+
+
+def read_oxide_cn(path):
+    """(symbol, os) -> characteristic coordination number in oxides."""
+    out = {}
+    with open(path, newline="", encoding="utf-8") as f:
+        for row in csv.DictReader(f):
+            key = (row["element"], int(row["oxidation_state"]))
+            if key in out:
+                raise ParamError("oxide_cn.csv lists %s%d+ twice" % key)
+            out[key] = float(row["characteristic_cn"])
+    return out
 
 
 def read_table(path, elements_by_symbol):
@@ -426,6 +462,26 @@ def first_shell(cat, os_, an, rows, bok):
     return bok_r0(r1, c1, r2, c2), BOK_B
 
 
+# ---------------------------------------------------------------- first-shell share
+
+def first_shell_share(r0_1, b_1, os_, cn, b, r_an):
+    """Share f of a cation's valence that its N first-shell bonds keep once the anions
+    beyond the first shell count too, with no fitted constant.  The distant anions are a
+    uniform continuum of close-packed spheres of diameter a = 2 r_an (number density
+    sqrt(2)/a^3) that starts at r2 = sqrt(d1^2 + a^2), the distance of an anion touching a
+    first-shell anion at a right angle; d1 = R0_1 - b_1 ln(V/N) is the first-shell bond.
+    With the bond valence exp((R0 - r)/b) and R0 at d1, the continuum adds per first-shell
+    bond I = 4 pi rho b exp(-(r2 - d1)/b) (r2^2 + 2 b r2 + 2 b^2) (the integral of
+    r^2 exp(-r/b) from r2 to infinity), so f = N / (N + I) = 1 / (1 + I/N)."""
+    d1 = r0_1 - b_1 * math.log(os_ / cn)
+    a = 2.0 * r_an
+    r2 = math.sqrt(d1 * d1 + a * a)
+    rho = math.sqrt(2.0) / a ** 3
+    distant = (4.0 * math.pi * rho * b * math.exp(-(r2 - d1) / b)
+               * (r2 * r2 + 2.0 * b * r2 + 2.0 * b * b))
+    return 1.0 / (1.0 + distant / cn)
+
+
 # ---------------------------------------------------------------- coordination number
 
 def coordination_number(cat, os_, an, listed_cns, radius_entry, r0_1, b_1):
@@ -433,6 +489,8 @@ def coordination_number(cat, os_, an, listed_cns, radius_entry, r0_1, b_1):
         return 4
     if (cat, os_) in D10_MONOVALENT and an in D10_MONOVALENT_ANIONS:
         return 4
+    if (cat, os_, an) in OCTAHEDRAL_OVERRIDES:
+        return 6
     r_an = ANION_RADIUS[an]
     if radius_entry is not None:
         rho = radius_entry[1] / r_an
@@ -463,6 +521,8 @@ def build(params_dir):
     table = read_table(os.path.join(params_dir, "bvparm2020_pairs.csv"), by_symbol)
     radii = shannon_radii()
     bok = bok_parameters(elements, table)
+    fill_covalent_radii(elements)
+    oxide_cn = read_oxide_cn(os.path.join(params_dir, "oxide_cn.csv"))
 
     cations = cation_set(elements, table)
     for (symbol, os_), (cn, _) in radii.items():
@@ -516,13 +576,20 @@ def build(params_dir):
                 b = (B_CONST + B_SOFT * abs(soft[(cat, os_)] - soft[(an, an_os)])
                      + B_N_CAT * cel["period"] + B_N_AN * ael["period"])
                 b = round(min(max(b, B_MIN), B_MAX), 3)
-                r0 = (r0_1 + (b_1 - b) * math.log(cn / os_)
-                      + b * math.log(FIRST_SHELL_SHARE))
+                f = first_shell_share(r0_1, b_1, os_, cn, b, ANION_RADIUS[an])
+                r0 = r0_1 + (b_1 - b) * math.log(cn / os_) + b * math.log(f)
                 cutoff = None
             r0 = round(r0, 4)
             if cutoff is None:
                 cutoff = min(max(ceil_half(r0 + 8.0 * b), CUTOFF_MIN), CUTOFF_MAX)
-            binary.append((cat, os_, an, an_os, r0, b, cn, cutoff))
+            # The CN column sets where R_min = (...) R0 - b ln(V/CN) puts the mobile ion; for
+            # oxides the mean observed coordination is the better reference than the
+            # radius-ratio integer (Li+ is tetrahedral in Li2O, octahedral in LiFePO4).
+            # The R0 conversion above keeps the integer, so bond-valence sums do not move.
+            cn_text = "%d" % cn
+            if an == "O" and (cat, os_) in oxide_cn:
+                cn_text = "%.2f" % oxide_cn[(cat, os_)]
+            binary.append((cat, os_, an, an_os, r0, b, cn_text, cutoff))
 
     return {"unitary": unitary, "binary": binary, "placeholders": placeholders}
 
@@ -551,7 +618,8 @@ Columns (white space separated):
  6 n        period
  7 group    group
  8 block    block index: s 0, p 1, d 2, f 3
- 9 rc       covalent radius, Cordero et al. (2008), A (0.000 where none is known)
+ 9 rc       covalent radius, Cordero et al. (2008), A; an element without one (Bk, Cf,
+            Es) takes that of the nearest lighter element of its block that has one (Cm)
 10 soft     absolute softness 1/eta in 1/eV, eta = (I - A)/2.  Cation M^z+: I = I_(z+1),
             A = I_z; a bare nucleus (H+) has 0.  Anion: the neutral atom, (I_1 - EA)/2.
 
@@ -579,7 +647,8 @@ ion list in part from the accumulated table of bond-valence parameters, whose no
 def binary_text(result):
     head = """\
 Quovix binary parameter file: one line per cation-anion pair, cation first.
-Made by %s (%s) from tools/params/elements.csv and tools/params/bvparm2020_pairs.csv.
+Made by %s (%s) from tools/params/elements.csv, tools/params/bvparm2020_pairs.csv
+and tools/params/oxide_cn.csv.
 Regenerate it after changing the inputs; a file of your own in this layout also works.
 
 Columns (white space separated):
@@ -587,7 +656,7 @@ Columns (white space separated):
  3 type2   anion symbol         4 os2   anion oxidation state
  5 R0      bond-valence R0 (A), softness-sensitive (counts neighbours beyond the first shell)
  6 b       bond-valence b (A)
- 7 CN      reference coordination number
+ 7 CN      reference coordination number (used in R_min and the Morse depth)
  8 cutoff  interaction cut-off (A)
 
 Pairs: every cation x anion of the unitary file, except where the anion element is less
@@ -599,16 +668,34 @@ state a row of ref a, then bs, then b, then any other general-chemistry ref (ref
 organic, metal-organic, complex, spin-state or hydrogen-bond regimes left out); a
 valence-9 row (ref b first); an unchecked row of the exact state; else the Brese &
 O'Keeffe estimate with b 0.37 (elements without r, c: c = 0.136 + 0.792 X, r fitted to
-the element's rows, or 0.248 + 0.703 r_cov).  That pair is converted:
+the element's rows, or 0.248 + 0.703 r_cov).
+That pair is converted to one that also counts the more distant anions (V the cation's
+oxidation state, N the integer CN below):
   b  = 0.4341 + 0.2871 |soft_cat - soft_an| - 0.0228 n_cat + 0.0534 n_an in [0.30, 0.80],
        rounded to 0.001 (soft and n as in the unitary file)
-  R0 = R0_1 + (b_1 - b) ln(CN/V) + b ln(0.86), V the cation's oxidation state.
-CN: radius ratio rho = Shannon radius of the cation (at its listed CN closest to VI, high
+  R0 = R0_1 + (b_1 - b) ln(N/V) + b ln(f)
+with f the share of the valence that the first shell keeps, from a continuum model of the
+distant anions with no fitted constant (rules v1 used f = 0.86, which under-bonds
+high-valence and low-coordinated cations by 10-20 %%):
+  d1  = R0_1 - b_1 ln(V/N)       first-shell bond length
+  a   = 2 r_an                   r_an the anion radius below (O 1.40 A)
+  r2  = sqrt(d1^2 + a^2)         an anion touching a first-shell anion at a right angle
+  rho = sqrt(2) / a^3            number density of close-packed spheres of diameter a
+  I   = 4 pi rho b exp(-(r2 - d1)/b) (r2^2 + 2 b r2 + 2 b^2)
+        (valence added per first-shell bond by the anions beyond r2)
+  f   = 1 / (1 + I/N)            (P5+-O 0.944, Si4+-O 0.938, Zr4+-O 0.955, Ag+-I 0.975)
+N: radius ratio rho = Shannon radius of the cation (at its listed CN closest to VI, high
 spin) / anion radius (Shannon VI, N3- IV; P3- 1.927, As3- 2.026, H- 1.241, C4- 1.62 A);
 the largest of 3, 4, 6, 8 listed for the cation with rho >= 0.155, 0.225, 0.414, 0.732,
 else the smallest listed CN.  d10 Cu+ Ag+ Au+ Zn2+ Cd2+ Hg2+ Ga3+ In3+ Tl3+ Ge4+ Sn4+
-with S, Se, Te, I, P, As, and Cu+ Ag+ Au+ with O, N: 4.  Without Shannon data the cation
-radius is R0_1 - b_1 ln(V/6) minus the anion radius, and any of 3, 4, 6, 8 may be taken.
+with S, Se, Te, I, P, As, and Cu+ Ag+ Au+ with O, N: 4; Al3+ with O, F: 6 (octahedral in
+corundum, spinels, garnets, beryl, cryolites).  Without Shannon data the cation radius is
+R0_1 - b_1 ln(V/6) minus the anion radius, and any of 3, 4, 6, 8 may be taken.
+CN column: for pairs with O2-, the cation's characteristic (weighted mean) coordination
+number in oxides and oxysalts, two decimals (Hawthorne 2026, Mineralogical Magazine,
+doi:10.1180/mgm.2026.10215, Appendix 3, CC BY 4.0; tools/params/oxide_cn.csv), where it
+lists the cation in that state; the integer N otherwise.  The R0 conversion keeps the
+integer N, so bond-valence sums and the GII do not depend on this column.
 cutoff: the stated cut-off of a softness-sensitive row; else R0 + 8 b rounded up to the
 next 0.5 A, within [4.0, 8.0].
 
@@ -617,7 +704,7 @@ Values derive from the accumulated table of bond-valence parameters; its notice 
 """ % (GENERATOR, RULES_VERSION)
     out = [_comment(head + NOTICE + "\n" + CHANGES), "DATA_START\n"]
     for cat, os_, an, an_os, r0, b, cn, cutoff in result["binary"]:
-        out.append("%-2s %d %-2s %2d %.4f %.3f %d %.1f\n" % (
+        out.append("%-2s %d %-2s %2d %.4f %.3f %s %.1f\n" % (
             cat, os_, an, an_os, r0, b, cn, cutoff))
     out.append("DATA_END\n")
     return "".join(out)

@@ -236,10 +236,10 @@ TEST(PropertyDerived, MorseParametersMatchTheParameterDataReference) {
     // Single anion: the effective b is the tabulated one.
     const QUOVIX_PROPERTY_BINARY &lio = ppt->bin[0][2];
     const QUOVIX_PROPERTY_BINARY &nao = ppt->bin[1][2];
-    EXPECT_NEAR(lio.rmin, 2.036, 5e-4);
-    EXPECT_NEAR(lio.d0 * 7.19982, 0.467, 5e-4);
-    EXPECT_NEAR(nao.rmin, 2.341, 5e-4);
-    EXPECT_NEAR(nao.d0 * 7.19982, 0.283, 5e-4);
+    EXPECT_NEAR(lio.rmin, 1.904, 5e-4);
+    EXPECT_NEAR(lio.d0 * 7.19982, 0.4995, 5e-4);
+    EXPECT_NEAR(nao.rmin, 2.365, 5e-4);
+    EXPECT_NEAR(nao.d0 * 7.19982, 0.2804, 5e-4);
     // Shifts vanish the energy at the cut-off; f0 = cn d0.
     EXPECT_NEAR(
         quovix_energy_bonding_with_energy_shift(lio.cutoff, lio.d0, lio.rmin, lio.b, lio.en_s), 0.0,

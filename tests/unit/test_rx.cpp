@@ -208,7 +208,9 @@ TEST(ScreeningFactor, ConvergesToAPressureSignChange) {
 }
 
 TEST(ScreeningFactor, LeavingTheBoundsFallsBackToTheDefault) {
-    auto cell = read_cif("Li2O_antifluorite_primitive_P1.cif");
+    // The pressure of Ag7PSe6 does not change sign within 0.55-1.0 (Li2O did until the CN of
+    // Li+-O2- became the characteristic 4.64; its fit now ends at 0.648).
+    auto cell = read_cif("Ag7PSe6_argyrodite.cif");
     testing::internal::CaptureStdout();
     quovix_property_ptr ppt{quovix_property_import_from_cell(cell.get(), nullptr, 0, -1.0,
                                                              kUnitary.c_str(), kBinary.c_str())};
