@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "bench_common.hpp"
 #include "quovix-reference.hpp"
@@ -138,8 +139,56 @@ void cal_sym_distorted(benchmark::State &state, bool fast) {
 void BM_CalSymNa3PS4_512Plain(benchmark::State &state) { cal_sym_distorted(state, false); }
 void BM_CalSymNa3PS4_512Binned(benchmark::State &state) { cal_sym_distorted(state, true); }
 
+// Atoms of a P1 rock-salt supercell listed in file order, species alternating and labels
+// numbered through (Na1, Cl2, Na3, ...): the order in which a supercell is usually written,
+// and the worst case of the exchange sort's swap count.
+std::vector<QUOVIX_ATOM> alternating_atoms(long n) {
+    std::vector<QUOVIX_ATOM> atoms(static_cast<std::size_t>(n));
+    for (long i = 0; i < n; ++i) {
+        QUOVIX_ATOM &a = atoms[static_cast<std::size_t>(i)];
+        a = QUOVIX_ATOM{};
+        const bool cl = i % 2 == 1;
+        std::snprintf(a.name, sizeof a.name, "%s%ld", cl ? "Cl" : "Na", i);
+        std::snprintf(a.type, sizeof a.type, cl ? "Cl" : "Na");
+        a.os = cl ? -1 : 1;
+        a.occ = 1.0;
+    }
+    return atoms;
+}
+
+void sort_alternating(benchmark::State &state, bool fast) {
+    const std::vector<QUOVIX_ATOM> atoms = alternating_atoms(state.range(0));
+    for (auto _ : state) {
+        std::vector<QUOVIX_ATOM> work = atoms;
+        if (fast) {
+            quovix_atom_sort(work.data(), state.range(0));
+        } else {
+            quovix_atom_sort_plain(work.data(), state.range(0));
+        }
+        benchmark::DoNotOptimize(work.data());
+    }
+    state.counters["atoms"] = static_cast<double>(state.range(0));
+}
+void BM_SortAlternatingPlain(benchmark::State &state) { sort_alternating(state, false); }
+void BM_SortAlternatingFast(benchmark::State &state) { sort_alternating(state, true); }
+
 }  // namespace
 
+BENCHMARK(BM_SortAlternatingPlain)
+    ->Unit(benchmark::kMillisecond)
+    ->Arg(4096)
+    ->Arg(16384)
+    ->Iterations(1)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(BM_SortAlternatingFast)
+    ->Unit(benchmark::kMillisecond)
+    ->Arg(4096)
+    ->Arg(16384)
+    ->Arg(65536)
+    ->Arg(1000000)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 BENCHMARK(BM_ExpandFaujasitePlain)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ExpandFaujasiteBinned)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FlagSitesFaujasitePlain)->Unit(benchmark::kMillisecond);

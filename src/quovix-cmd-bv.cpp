@@ -74,7 +74,7 @@ void quovix_cmd_opt_do_print_ppt(QUOVIX_CMD_OPT *opt) {
     quovix_cell_ptr cell = read_cell(opt, args.c_str(0));
     if (!cell) return;
     double sf = -1.0;
-    if (args.has(1) && !args.read_double(1, sf)) {
+    if (args.has(1) && !args.read_finite(1, sf)) {
         std::fputs("Error: wrong parameter sf.\n", stderr);
         return;
     }
@@ -108,12 +108,12 @@ void quovix_cmd_opt_do_print_ppt_full(QUOVIX_CMD_OPT *opt) {
     if (args.count() >= 4) {
         // In this form the screening-factor word is not read: sf stays automatic.
         quovix_cmd_opt_get_type(type, args.c_str(2));
-        if (!args.read_int(3, os)) {
+        if (!args.read_os(3, os)) {
             std::fputs("Error: wrong oxidation state.\n", stderr);
             return;
         }
         mobile = type;
-    } else if (args.count() >= 2 && !args.read_double(1, sf)) {
+    } else if (args.count() >= 2 && !args.read_finite(1, sf)) {
         std::fputs("Error: wrong parameter sf.\n", stderr);
         return;
     }
@@ -188,7 +188,7 @@ void quovix_cmd_opt_do_cal_bv_type(QUOVIX_CMD_OPT *opt) {
         std::fputs("Error: wrong parameter type1.\n", stderr);
         return;
     }
-    if (!args.read_int(2, os1)) {
+    if (!args.read_os(2, os1)) {
         std::fputs("Error: wrong parameter os1.\n", stderr);
         return;
     }
@@ -196,7 +196,7 @@ void quovix_cmd_opt_do_cal_bv_type(QUOVIX_CMD_OPT *opt) {
         std::fputs("Error: wrong parameter type2.\n", stderr);
         return;
     }
-    if (!args.read_int(4, os2)) {
+    if (!args.read_os(4, os2)) {
         std::fputs("Error: wrong parameter os2.\n", stderr);
         return;
     }
@@ -266,7 +266,7 @@ void quovix_cmd_opt_do_cal_tot_en(QUOVIX_CMD_OPT *opt) {
         return;
     }
     double sf = -0.1;  // fitted
-    if (args.has(1) && !args.read_double(1, sf)) {
+    if (args.has(1) && !args.read_finite(1, sf)) {
         std::fputs("Error: wrong parameter sf.\n", stderr);
         return;
     }

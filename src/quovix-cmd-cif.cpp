@@ -4,6 +4,7 @@
 
 #include "quovix-cmd.hpp"
 #include "quovix-import.hpp"
+#include "quovix-io.hpp"
 
 namespace {
 
@@ -18,7 +19,8 @@ struct cif_job {
 
 // Names the output, the word at `index` (at most 1000 characters of it) when given, else the
 // whole input name with `suffix` appended (Li2O.cif gives Li2O.cif.cif for ".cif"), then reads
-// the CIF of the first argument; false after the failure line.
+// checks that it can be written without replacing the input, then reads the CIF of the first
+// argument; false after the failure line.
 [[nodiscard]] bool start_job(const QUOVIX_CMD_OPT *opt, const quovix_args &args, std::size_t index,
                              const char *suffix, cif_job &job) {
     if (args.has(index)) {
@@ -26,6 +28,7 @@ struct cif_job {
     } else {
         quovix_cmd_name_append(job.output, args.c_str(0), suffix);
     }
+    if (quovix_output_check(job.output, args.c_str(0)) != 0) return false;
     return quovix_cmd_read_cif(opt, args.c_str(0), job.cell, job.sym);
 }
 
@@ -86,7 +89,7 @@ void quovix_cmd_opt_do_cal_sym(QUOVIX_CMD_OPT *opt) {
         return;
     }
     double tolerance = -1.0;  // non-positive: the search's default of 0.01 A
-    if (args.has(1) && !args.read_double(1, tolerance)) {
+    if (args.has(1) && !args.read_finite(1, tolerance)) {
         std::fputs("Error: wrong parameter accuracy.\n", stderr);
         return;
     }
@@ -167,6 +170,10 @@ void quovix_cmd_opt_do_gen_cif_assign(QUOVIX_CMD_OPT *opt) {
     quovix_cmd_opt_get_type(type, args.c_str(1));
     int os = 0;
     if (!args.read_int(2, os)) return;  // a non-number ends the command without a message
+    if (!args.read_os(2, os)) {
+        std::fputs("Error: wrong parameter os.\n", stderr);
+        return;
+    }
     cif_job job;
     if (!start_job(opt, args, 3, ".assign.cif", job)) return;
     quovix_cell_ptr assigned(

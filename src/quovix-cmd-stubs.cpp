@@ -7,33 +7,6 @@ constexpr auto print_lines = &quovix_cmd_print_lines;  // usage blocks, line by 
 
 }  // namespace
 
-void quovix_cmd_opt_do_fft(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --fft [input.cube] | {flag:periodic}\n\n",
-                 "Command: Fourier analysis of a cube: critical points with eigenvalues and "
-                 "eigenvectors.\n",
-                 "Example: ./quovix.x --fft Li2O.cube\n"});
-}
-
-void quovix_cmd_opt_do_fft_cubes(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --fft-cubes [input.cube] | {flag:periodic}\n\n",
-                 "Command: Fourier analysis writing force, force-constant, laplacian and slope "
-                 "cubes.\n",
-                 "Example: ./quovix.x --fft-cubes Li2O.cube\n"});
-}
-
-void quovix_cmd_opt_do_fp_map(QUOVIX_CMD_OPT *) {
-    print_lines({"Command: --fp-map [input.cube] | {barrier_max} {flag:periodic} {output_name}\n\n",
-                 "Command: {barrier_max}: Only paths with barrier below this value are shown. If "
-                 "set to non-positive value, all paths are shown. Default -0.1.\n",
-                 "Command: {flag:periodic}: if set to true, cube file is treated as periodic. "
-                 "Default true.\n",
-                 "Command: generates a cif file representing paths in the provided cube.\n",
-                 "         H : path dots.\n", "         Li: local minimum.\n",
-                 "         Na: saddle point of 1st type.\n",
-                 "         K: saddle point of 2st type.\n", "         Rb: local maximum.\n",
-                 "Example: ./quovix.x --fp-map Li2O.cube\n"});
-}
-
 void quovix_cmd_opt_do_gh(QUOVIX_CMD_OPT *) {
     print_lines(
         {"Command: --gh [input.cif] [input.cube] [type] [os] | {barrier_max} "

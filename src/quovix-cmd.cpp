@@ -3,6 +3,7 @@
 
 #include <unistd.h>  // readlink, for the directory of the running executable
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,9 @@
 namespace {
 
 // Data files looked for beside the executable.
+// Oxidation states given on the command line: real ones lie well inside; 99 means unknown.
+constexpr long kMaxArgumentOs = 99;
+
 constexpr const char *kUnitaryName = "database_unitary.dat";
 constexpr const char *kBinaryName = "database_binary.dat";
 constexpr const char *kSymcardsName = "database_symcards.dat";
@@ -222,6 +226,21 @@ bool quovix_args::read_int(std::size_t i, int &out) const {
     int v = 0;
     if (!has(i) || std::sscanf(words[i], "%d", &v) != 1) return false;
     out = v;
+    return true;
+}
+
+bool quovix_args::read_finite(std::size_t i, double &out) const {
+    double v = 0.0;
+    if (!read_double(i, v) || !std::isfinite(v)) return false;
+    out = v;
+    return true;
+}
+
+bool quovix_args::read_os(std::size_t i, int &out) const {
+    // Read as a long first: "%d" on a word beyond the int range has no defined result.
+    long v = 0;
+    if (!read_long(i, v) || v < -kMaxArgumentOs || v > kMaxArgumentOs) return false;
+    out = static_cast<int>(v);
     return true;
 }
 

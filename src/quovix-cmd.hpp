@@ -44,6 +44,10 @@ struct quovix_args {
     bool read_double(std::size_t i, double &out) const;  // "%lf"; false if missing/unreadable
     bool read_int(std::size_t i, int &out) const;        // "%d"
     bool read_long(std::size_t i, long &out) const;      // "%ld"
+    /// "%lf" and finite: inf, nan and 1e309 are not a tolerance, factor or length.
+    bool read_finite(std::size_t i, double &out) const;
+    /// "%d" within -99..99 (99: unknown), so that a word such as 2147483648 is refused.
+    bool read_os(std::size_t i, int &out) const;
     /// Flag by first letter: default true -> false on 'f'/'F'; default false -> true on 't'/'T'.
     /// A missing word leaves `out` unchanged.
     void read_flag(std::size_t i, bool &out) const;

@@ -323,6 +323,13 @@ int quovix_cube_import_from_file(QUOVIX_CUBE **cube, QUOVIX_CELL **cell, const c
                 std::fprintf(stderr, "Error: unable to read the grid vectors of %s.\n", filename);
                 return 1;
             }
+            // nan, inf and 1e309 (read as inf) are no length; every later step would carry them.
+            if (!std::isfinite(a_i[k][0]) || !std::isfinite(a_i[k][1]) ||
+                !std::isfinite(a_i[k][2])) {
+                std::fprintf(stderr, "Error: grid vector %d of %s is not finite.\n", k + 1,
+                             filename);
+                return 1;
+            }
         }
         // Counts that the rest of the file cannot hold are refused before allocating: every
         // atom line takes at least 10 bytes and every value at least 2 (a digit, a separator).
@@ -374,6 +381,12 @@ int quovix_cube_import_from_file(QUOVIX_CUBE **cube, QUOVIX_CELL **cell, const c
                 if (!read_line(f, line) || std::sscanf(line.c_str(), "%d %lf %lf %lf %lf", &an,
                                                        &atom.value, &x[0], &x[1], &x[2]) != 5) {
                     std::fprintf(stderr, "Error: unable to read atom %ld from %s.\n", t + 1,
+                                 filename);
+                    return 1;
+                }
+                if (!std::isfinite(atom.value) || !std::isfinite(x[0]) || !std::isfinite(x[1]) ||
+                    !std::isfinite(x[2])) {
+                    std::fprintf(stderr, "Error: atom %ld of %s has a non-finite number.\n", t + 1,
                                  filename);
                     return 1;
                 }
@@ -430,6 +443,11 @@ int quovix_cube_import_from_file(QUOVIX_CUBE **cube, QUOVIX_CELL **cell, const c
                         v = std::strtod(std::string(p, res.ptr).c_str(), nullptr);
                     } else if (res.ec != std::errc()) {
                         std::fprintf(stderr, "Error: unable to read value %ld from %s.\n", read + 1,
+                                     filename);
+                        return 1;
+                    }
+                    if (!std::isfinite(v)) {
+                        std::fprintf(stderr, "Error: value %ld of %s is not finite.\n", read + 1,
                                      filename);
                         return 1;
                     }

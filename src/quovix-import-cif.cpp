@@ -43,6 +43,28 @@ bool read_number(const char *token, double &out) {
     return true;
 }
 
+// True when a token holds more than a number and an optional standard uncertainty, as in
+// "5,62" (a decimal comma: read as 5) or "0.25x": the reading keeps the number, and the
+// caller warns so that the user knows the rest was dropped.
+bool has_trailing_text(const char *token) {
+    double v = 0.0;
+    int used = 0;
+    if (token == nullptr || std::sscanf(token, "%lf%n", &v, &used) != 1) return false;
+    const char *p = token + used;
+    if (*p == '(') {
+        ++p;
+        while (*p >= '0' && *p <= '9') ++p;
+        if (*p != ')') return true;
+        ++p;
+    }
+    while (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\n') ++p;
+    return *p != '\0';
+}
+
+// Occupancies are fractions of a site: values outside [0, 1] by more than this are typing
+// errors (a count, a percentage, a sign), not rounding.
+constexpr double kOccupancyTolerance = 0.01;
+
 // The element table (rows between DATA_START and DATA_END) as (symbol, default os) pairs
 // in file order; rows without a symbol and a fourth integer are skipped.
 struct ElementRow {
@@ -377,12 +399,31 @@ int quovix_cell_import_cif_read_atom(QUOVIX_ATOM *atom, char ***loop, long rows,
     static const char *const coord_error[3] = {"Error: unable to read fractional x.\n",
                                                "Error: unable to read fractional y.\n",
                                                "Error: unable to read fractional z.\n"};
+    static const char *const tag[4] = {"_atom_site_occupancy", "_atom_site_fract_x",
+                                       "_atom_site_fract_y", "_atom_site_fract_z"};
+    long trailing[4] = {0, 0, 0, 0};  // values with text after the number, per column
+    // The first such value of a column is named; the count of the others follows at the end.
+    const auto check_trailing = [&](int c, const char *token, const char *label, double v) {
+        if (!has_trailing_text(token)) return;
+        if (trailing[c]++ == 0) {
+            std::printf(
+                "Warning: %s of atom %s is read as %g from '%s'; the text after the number is "
+                "ignored.\n",
+                tag[c], label, v, token);
+        }
+    };
     for (long i = 1; i < rows; ++i) {
         QUOVIX_ATOM &a = atom[i - 1];
         if (!read_number(table.at(i, c_occ), a.occ)) {
             std::fputs("Error: unable to read occupancy.\n", stderr);
             return 1;
         }
+        if (!(a.occ >= -kOccupancyTolerance && a.occ <= 1.0 + kOccupancyTolerance)) {
+            std::fprintf(stderr, "Error: invalid occupancy %g of atom %s: outside (0, 1].\n", a.occ,
+                         a.name);
+            return 1;
+        }
+        check_trailing(0, table.at(i, c_occ), a.name, a.occ);
         const long cc[3] = {c_x, c_y, c_z};
         for (int k = 0; k < 3; ++k) {
             double v = 0.0;
@@ -390,10 +431,17 @@ int quovix_cell_import_cif_read_atom(QUOVIX_ATOM *atom, char ***loop, long rows,
                 std::fputs(coord_error[k], stderr);
                 return 1;
             }
+            check_trailing(k + 1, table.at(i, cc[k]), a.name, v);
             v = std::fmod(v, 1.0);
             if (v < 0.0) v += 1.0;
             if (v >= 1.0) v = 0.0;  // -1e-17 + 1 rounds to 1.0
             a.x_f[k] = v + 0.0;     // + 0.0 turns -0.0 into 0.0
+        }
+    }
+    for (int c = 0; c < 4; ++c) {
+        if (trailing[c] > 1) {
+            std::printf("Warning: %ld values of %s in all carry text after the number.\n",
+                        trailing[c], tag[c]);
         }
     }
     return 0;
@@ -441,6 +489,12 @@ int quovix_cell_import_cif_read_lattice(QUOVIX_CELL *cell, char **rows, long row
             std::fprintf(stderr, "Error: unable to read %s from '%s'.\n", keys[k], value);
             std::free(value);
             return 1;
+        }
+        if (has_trailing_text(value)) {
+            std::printf(
+                "Warning: %s is read as %g from '%s'; the text after the number is "
+                "ignored.\n",
+                keys[k], v[k], value);
         }
         std::free(value);
     }

@@ -159,6 +159,17 @@ class CartBins {
             lo[k] = cell_of(p[k] - tolerance);
             hi[k] = cell_of(p[k] + tolerance);
         }
+        // A window wider than the occupied bins (a huge tolerance) visits every atom instead
+        // of walking up to (2e6 + 1)^3 empty keys; the caller tests each candidate anyway.
+        const double window = static_cast<double>(hi[0] - lo[0] + 1) *
+                              static_cast<double>(hi[1] - lo[1] + 1) *
+                              static_cast<double>(hi[2] - lo[2] + 1);
+        if (window > static_cast<double>(bins_.size())) {
+            for (const auto &bin : bins_) {
+                for (long idx : bin.second) f(idx);
+            }
+            return;
+        }
         for (long i = lo[0]; i <= hi[0]; ++i) {
             for (long j = lo[1]; j <= hi[1]; ++j) {
                 for (long k = lo[2]; k <= hi[2]; ++k) {
@@ -406,9 +417,8 @@ QUOVIX_SYMMETRY *settings_lookup(const char *text, const char *path, Lookup how,
 // Sorting. The order is the one of four successive exchange sorts (type; os among equal
 // type; occupancy among equal type and os; label among the rest). An exchange sort is not
 // stable, and atoms with equal keys (all images of one site) are common, so the shipped
-// version reproduces the exchange sort's exact permutation: at position i it swaps in, one
-// after the other, the first later atom whose key is smaller than the current one. A
-// segment tree over key ranks finds that atom in O(log n) instead of scanning.
+// version computes the exchange sort's exact permutation without replaying its swaps
+// (their number grows as n^2 when species alternate in the file).
 // ---------------------------------------------------------------------------
 
 int compare_pass(const QUOVIX_ATOM &a, const QUOVIX_ATOM &b, int pass) {
@@ -446,70 +456,93 @@ void exchange_pass_plain(QUOVIX_ATOM *atom, long total, int pass) {
     }
 }
 
-class MinTree {
+// Fenwick tree of counts over positions 0..n-1.
+class Fenwick {
    public:
-    explicit MinTree(const std::vector<int> &v) : n_(v.size()) {
-        size_ = 1;
-        while (size_ < n_) size_ <<= 1;
-        tree_.assign(2 * size_, INT_MAX);
-        for (std::size_t i = 0; i < n_; ++i) tree_[size_ + i] = v[i];
-        for (std::size_t i = size_ - 1; i >= 1; --i)
-            tree_[i] = std::min(tree_[2 * i], tree_[2 * i + 1]);
+    explicit Fenwick(std::size_t n) : t_(n + 1, 0) {}
+    void add(std::size_t i, long v) {
+        for (++i; i < t_.size(); i += i & (~i + 1)) t_[i] += v;
     }
-    void set(std::size_t i, int v) {
-        std::size_t p = size_ + i;
-        tree_[p] = v;
-        for (p >>= 1; p >= 1; p >>= 1) tree_[p] = std::min(tree_[2 * p], tree_[2 * p + 1]);
+    // Sum over positions 0..i-1.
+    long prefix(std::size_t i) const {
+        long s = 0;
+        for (; i > 0; i -= i & (~i + 1)) s += t_[i];
+        return s;
     }
-    // First index >= from whose value is below v, or n when there is none.
-    std::size_t first_below(std::size_t from, int v) const {
-        return find(1, 0, size_ - 1, from, v);
+    // Smallest position whose prefix sum through it is k + 1 (the k-th set slot, from 0).
+    std::size_t kth(long k) const {
+        std::size_t pos = 0, step = 1;
+        while (step * 2 < t_.size()) step *= 2;
+        for (; step > 0; step /= 2) {
+            if (pos + step < t_.size() && t_[pos + step] <= k) {
+                pos += step;
+                k -= t_[pos];
+            }
+        }
+        return pos;
     }
 
    private:
-    std::size_t find(std::size_t node, std::size_t lo, std::size_t hi, std::size_t from,
-                     int v) const {
-        if (hi < from || tree_[node] >= v) return n_;
-        if (lo == hi) return lo;
-        const std::size_t mid = lo + (hi - lo) / 2;
-        const std::size_t left = find(2 * node, lo, mid, from, v);
-        if (left != n_) return left;
-        return find(2 * node + 1, mid + 1, hi, from, v);
-    }
-    std::size_t n_, size_ = 1;
-    std::vector<int> tree_;
+    std::vector<long> t_;
 };
 
-// Same permutation as exchange_pass_plain for a pass whose comparison is a strict weak
-// order on the full key up to that pass; valid because the previous passes left the array
-// sorted by their keys, so "smaller full key" and "smaller in this pass" coincide for a
-// later atom.
+// Same permutation as exchange_pass_plain, in O(n log n). The comparison of the pass is a
+// strict weak order on the full key up to that pass (the previous passes left the array
+// sorted by their keys), so every atom has a rank and the result is sorted by rank; what
+// remains is the order among atoms of equal rank v. Step i of the exchange sort carries the
+// atom at i forward along the chain of prefix minima of a[i..]. Seen through the three
+// classes S (rank < v), V (rank v) and L (rank > v), with the V atoms told apart, a step
+// is: if the first non-L atom at or after i is an S, that S becomes final; if it is a V,
+// it jumps onto the first S after it and that S becomes final. So, reading the S and V
+// atoms in array order, each S moves the leading V of the V atoms gathered so far to the
+// back of them: the V atoms form a circular list that turns by one place per S and grows
+// by one atom per V, and the final order of rank v reads that list from its head.
 void exchange_pass_fast(QUOVIX_ATOM *atom, long total, int pass) {
     const std::size_t n = static_cast<std::size_t>(total);
     std::vector<std::size_t> order(n);
     for (std::size_t i = 0; i < n; ++i) order[i] = i;
-    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
         return compare_pass(atom[a], atom[b], pass) < 0;
     });
-    std::vector<int> rank(n, 0);
-    int r = 0;
-    for (std::size_t k = 0; k < n; ++k) {
-        if (k > 0 && compare_pass(atom[order[k - 1]], atom[order[k]], pass) < 0) ++r;
-        rank[order[k]] = r;
-    }
-    MinTree tree(rank);
-    for (std::size_t i = 0; i + 1 < n; ++i) {
-        std::size_t p = i;
-        for (;;) {
-            const std::size_t q = tree.first_below(p + 1, rank[i]);
-            if (q >= n) break;
-            std::swap(atom[i], atom[q]);
-            std::swap(rank[i], rank[q]);
-            tree.set(i, rank[i]);
-            tree.set(q, rank[q]);
-            p = q;
+    // `order` lists the positions rank by rank, each rank by increasing position.
+    std::vector<std::size_t> result(n);
+    Fenwick smaller(n);  // positions of the atoms of lower rank than the current one
+    std::vector<long> slot;
+    std::size_t begin = 0;
+    while (begin < n) {
+        std::size_t end = begin + 1;
+        while (end < n && compare_pass(atom[order[begin]], atom[order[end]], pass) == 0) ++end;
+        const std::size_t m = end - begin;
+        // Insertion index of each V into the growing list, and the head at the end.
+        slot.assign(m, 0);
+        long head = 0;
+        long below_previous = 0;  // S atoms before the previous V
+        for (std::size_t j = 0; j < m; ++j) {
+            const long below = smaller.prefix(order[begin + j]);
+            const long size = static_cast<long>(j);
+            head = size > 0 ? (head + (below - below_previous)) % size : 0;
+            slot[j] = head;
+            head += 1;
+            below_previous = below;
         }
+        const long size = static_cast<long>(m);
+        head = (head + (static_cast<long>(begin) - below_previous)) % size;
+        // Offline: the list after all insertions, filled from the last insertion back.
+        Fenwick free_slots(m);
+        for (std::size_t j = 0; j < m; ++j) free_slots.add(j, 1);
+        std::vector<std::size_t> list(m);
+        for (std::size_t j = m; j-- > 0;) {
+            const std::size_t at = free_slots.kth(slot[j]);
+            list[at] = order[begin + j];
+            free_slots.add(at, -1);
+        }
+        for (std::size_t t = 0; t < m; ++t)
+            result[begin + t] = list[(static_cast<std::size_t>(head) + t) % m];
+        for (std::size_t j = begin; j < end; ++j) smaller.add(order[j], 1);
+        begin = end;
     }
+    std::vector<QUOVIX_ATOM> copy(atom, atom + n);
+    for (std::size_t p = 0; p < n; ++p) atom[p] = copy[result[p]];
 }
 
 // ---------------------------------------------------------------------------

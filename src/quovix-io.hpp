@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
 
 /// A result file under construction. The content goes to a temporary file in the same
 /// directory ("<path>.tmp-XXXXXX"); commit() flushes it to disk and renames it over `path`
@@ -27,6 +30,29 @@ class quovix_output_file {
     std::FILE *file_ = nullptr;
     char path_[1024] = {};
     char temp_[1024 + 16] = {};
+    bool committed_ = false;
+};
+
+/// Result files that belong together (a landscape and the cell it was computed on). While a
+/// group exists, quovix_output_file::commit() completes and syncs its temporary file but
+/// leaves the rename to the group: commit() renames every file of the group under an
+/// exclusive lock on the directory of the first one, so that concurrent runs writing the
+/// same names never leave one run's file beside another run's partner. A group destroyed
+/// without commit() removes the temporary files. One group at a time.
+class quovix_output_group {
+   public:
+    quovix_output_group();
+    ~quovix_output_group();
+    quovix_output_group(const quovix_output_group &) = delete;
+    quovix_output_group &operator=(const quovix_output_group &) = delete;
+    /// 0 when every file is in place; 1 after printing "Error: unable to write %s.\n" (the
+    /// files not yet renamed are removed).
+    int commit();
+
+   private:
+    friend class quovix_output_file;
+    static quovix_output_group *current_;
+    std::vector<std::pair<std::string, std::string>> pending_;  // (temporary, target)
     bool committed_ = false;
 };
 

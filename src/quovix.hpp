@@ -1,6 +1,7 @@
 // Core records shared by every module, physical constants and ownership helpers.
 #pragma once
 
+#include <climits>
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -169,5 +170,6 @@ auto quovix_guard(const char *what, F &&body) noexcept -> decltype(body()) {
 
 /// Species sign character used in most messages: '-' for anions, '+' otherwise.
 inline char quovix_sign_char(int os) { return os < 0 ? '-' : '+'; }
-/// Magnitude of an oxidation state as printed.
-inline int quovix_abs_os(int os) { return os < 0 ? -os : os; }
+/// Magnitude of an oxidation state as printed. -INT_MIN does not exist in int: that state
+/// (never a real one) prints as INT_MAX rather than overflowing.
+inline int quovix_abs_os(int os) { return os >= 0 ? os : (os < -INT_MAX ? INT_MAX : -os); }

@@ -322,3 +322,11 @@ TEST(Arrays, ZeroFilledAndRejectNonPositiveSizes) {
     EXPECT_FALSE(flags[4]);
     quovix_array_bool_1D_free(flags);
 }
+
+// An os of INT_MIN (the word 2147483648 read with "%d") has no magnitude in int: printing it
+// must not negate it (undefined behaviour, caught by the sanitizer build).
+TEST(SpeciesText, MagnitudeOfTheMostNegativeOs) {
+    EXPECT_EQ(quovix_abs_os(-2), 2);
+    EXPECT_EQ(quovix_abs_os(INT_MIN), INT_MAX);
+    EXPECT_EQ(quovix_sign_char(INT_MIN), '-');
+}
