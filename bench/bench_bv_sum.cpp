@@ -6,6 +6,7 @@
 
 #include "bench_common.hpp"
 #include "quovix-bv.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

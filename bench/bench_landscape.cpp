@@ -27,6 +27,7 @@
 
 #include "bench_common.hpp"
 #include "quovix-cube.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

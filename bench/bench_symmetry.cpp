@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bench_common.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

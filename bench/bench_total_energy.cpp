@@ -7,6 +7,7 @@
 #include <string>
 
 #include "bench_common.hpp"
+#include "quovix-reference.hpp"
 #include "quovix-rx.hpp"
 
 namespace {

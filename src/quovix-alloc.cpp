@@ -334,7 +334,7 @@ int quovix_text_append(QUOVIX_TEXT *text, const char *str) {
 
 /// Appends the content of `src` to `des`; an empty `src` is a no-op. Returns 0 or 1;
 /// on a failed growth `des` has been freed (see quovix_text_append).
-int quovix_text_cat(QUOVIX_TEXT *des, QUOVIX_TEXT *src) {
+int quovix_text_cat(QUOVIX_TEXT *des, const QUOVIX_TEXT *src) {
     if (!des || !src) {
         std::fputs("Error: QUOVIX_TEXT has not been properly initialized.\n", stderr);
         return 1;
@@ -368,10 +368,10 @@ int quovix_text_dump(QUOVIX_TEXT *text) {
 }
 
 /// Prints the content and a newline to stdout; null prints "(not allocated)".
-void quovix_text_print(QUOVIX_TEXT *text) { text_print_to(stdout, text); }
+void quovix_text_print(const QUOVIX_TEXT *text) { text_print_to(stdout, text); }
 
 /// As quovix_text_print, to `out`.
-void quovix_text_fprint(std::FILE *out, QUOVIX_TEXT *text) { text_print_to(out, text); }
+void quovix_text_fprint(std::FILE *out, const QUOVIX_TEXT *text) { text_print_to(out, text); }
 
 /// Reads a whole file (binary mode, line ends untouched) into a new buffer of
 /// ((size + 1) / 1024 + 1) * 1024 bytes. An empty file counts as a failed read.
@@ -414,7 +414,7 @@ QUOVIX_TEXT *quovix_text_import_from_file(const char *filename) {
 }
 
 namespace {
-int text_write(QUOVIX_TEXT *text, const char *filename, const char *mode) {
+int text_write(const QUOVIX_TEXT *text, const char *filename, const char *mode) {
     if (!text || !text->content) {
         std::fputs("Error: QUOVIX_TEXT has not been properly allocated.\n", stderr);
         return 1;
@@ -437,7 +437,7 @@ int text_write(QUOVIX_TEXT *text, const char *filename, const char *mode) {
 
 /// Writes the content to `filename` as a whole: the file appears complete or not at all, and
 /// an existing file of that name is replaced only on success. Returns 0 or 1.
-int quovix_text_export_to_file(QUOVIX_TEXT *text, const char *filename) {
+int quovix_text_export_to_file(const QUOVIX_TEXT *text, const char *filename) {
     if (!text || !text->content) {
         std::fputs("Error: QUOVIX_TEXT has not been properly allocated.\n", stderr);
         return 1;
@@ -455,7 +455,7 @@ int quovix_text_export_to_file(QUOVIX_TEXT *text, const char *filename) {
     return out.commit();
 }
 
-int quovix_text_append_to_file(QUOVIX_TEXT *text, const char *filename) {
+int quovix_text_append_to_file(const QUOVIX_TEXT *text, const char *filename) {
     return text_write(text, filename, "ab");
 }
 
@@ -463,7 +463,7 @@ int quovix_text_append_to_file(QUOVIX_TEXT *text, const char *filename) {
 /// separators themselves dropped, a CR before LF kept. Prints the row count as
 /// "Message: total lines in the cif: %ld". On success *content owns the rows
 /// (free with quovix_array_char_2D_free(*content, *row)); returns 0 or 1.
-int quovix_text_segregate_into_rows(char ***content, long *row, QUOVIX_TEXT *text, char sep) {
+int quovix_text_segregate_into_rows(char ***content, long *row, const QUOVIX_TEXT *text, char sep) {
     if (!content || !row || !text || !text->content) {
         std::fputs("Error: QUOVIX_TEXT has not been properly allocated.\n", stderr);
         return 1;
@@ -517,10 +517,10 @@ QUOVIX_ATOM *quovix_atom_new(long n) {
 void quovix_atom_free(QUOVIX_ATOM *atom) { std::free(atom); }
 
 /// Prints one atom as an "ATOM: " line to stdout.
-void quovix_atom_print(QUOVIX_ATOM *atom) { atom_print_to(stdout, atom); }
+void quovix_atom_print(const QUOVIX_ATOM *atom) { atom_print_to(stdout, atom); }
 
 /// As quovix_atom_print, to `out`.
-void quovix_atom_fprint(std::FILE *out, QUOVIX_ATOM *atom) { atom_print_to(out, atom); }
+void quovix_atom_fprint(std::FILE *out, const QUOVIX_ATOM *atom) { atom_print_to(out, atom); }
 
 /// Zeroed cell, with `total_atom` zeroed atoms when positive (none otherwise).
 /// Null on failure; release with quovix_cell_free.
@@ -550,14 +550,14 @@ void quovix_cell_free(QUOVIX_CELL *cell) {
 }
 
 /// Prints the cell (lattice, parameters, every atom) with "CELL: " lines to stdout.
-void quovix_cell_print(QUOVIX_CELL *cell) { cell_print_to(stdout, cell); }
+void quovix_cell_print(const QUOVIX_CELL *cell) { cell_print_to(stdout, cell); }
 
 /// As quovix_cell_print, to `out`.
-void quovix_cell_fprint(std::FILE *out, QUOVIX_CELL *cell) { cell_print_to(out, cell); }
+void quovix_cell_fprint(std::FILE *out, const QUOVIX_CELL *cell) { cell_print_to(out, cell); }
 
 /// Deep copy of a cell (all fields and a new atom array). Null in, null out;
 /// release the copy with quovix_cell_free.
-QUOVIX_CELL *quovix_cell_copy(QUOVIX_CELL *cell) {
+QUOVIX_CELL *quovix_cell_copy(const QUOVIX_CELL *cell) {
     if (!cell) return nullptr;
     quovix_cell_ptr copy{quovix_cell_new(0)};
     if (!copy) {
@@ -600,13 +600,13 @@ QUOVIX_CARD *quovix_card_new(const char *text) {
 void quovix_card_free(QUOVIX_CARD *card) { std::free(card); }
 
 /// Prints the text and the fractional rotation/translation with "CARD: " lines.
-void quovix_card_print(QUOVIX_CARD *card) { card_print_to(stdout, card, false); }
+void quovix_card_print(const QUOVIX_CARD *card) { card_print_to(stdout, card, false); }
 
 /// Prints the text and the integer rotation/translation with "CARD: " lines.
-void quovix_card_print_discrete(QUOVIX_CARD *card) { card_print_to(stdout, card, true); }
+void quovix_card_print_discrete(const QUOVIX_CARD *card) { card_print_to(stdout, card, true); }
 
 /// As quovix_card_print (discrete: quovix_card_print_discrete), to `out`.
-void quovix_card_fprint(std::FILE *out, QUOVIX_CARD *card, bool discrete) {
+void quovix_card_fprint(std::FILE *out, const QUOVIX_CARD *card, bool discrete) {
     card_print_to(out, card, discrete);
 }
 
@@ -639,17 +639,17 @@ void quovix_symmetry_free(QUOVIX_SYMMETRY *symmetry) {
 }
 
 /// Prints the group symbols, number and every card (fractional form).
-void quovix_symmetry_print(QUOVIX_SYMMETRY *symmetry) {
+void quovix_symmetry_print(const QUOVIX_SYMMETRY *symmetry) {
     symmetry_print_to(stdout, symmetry, false);
 }
 
 /// Prints the group symbols, number and every card (integer form).
-void quovix_symmetry_print_discrete(QUOVIX_SYMMETRY *symmetry) {
+void quovix_symmetry_print_discrete(const QUOVIX_SYMMETRY *symmetry) {
     symmetry_print_to(stdout, symmetry, true);
 }
 
 /// As quovix_symmetry_print (discrete: _print_discrete), to `out`.
-void quovix_symmetry_fprint(std::FILE *out, QUOVIX_SYMMETRY *symmetry, bool discrete) {
+void quovix_symmetry_fprint(std::FILE *out, const QUOVIX_SYMMETRY *symmetry, bool discrete) {
     symmetry_print_to(out, symmetry, discrete);
 }
 
@@ -671,7 +671,7 @@ QUOVIX_SYMMETRY *quovix_symmetry_new_p1() {
 
 /// True when the symmetry holds exactly one card equal to the identity (rotation
 /// and translation within 0.001).
-bool quovix_symmetry_is_p1(QUOVIX_SYMMETRY *symmetry) {
+bool quovix_symmetry_is_p1(const QUOVIX_SYMMETRY *symmetry) {
     if (!symmetry || symmetry->total != 1 || !symmetry->card) return false;
     const QUOVIX_CARD &c = symmetry->card[0];
     for (int i = 0; i < 3; i++) {
@@ -791,7 +791,7 @@ QUOVIX_PROPERTY *quovix_property_new(int total) {
 /// Deep copy of a parameter set (species arrays, records, pair matrix, sf,
 /// conducting). Fails unless `ppt`, its `uni` and `bin` exist. Release with
 /// quovix_property_free.
-QUOVIX_PROPERTY *quovix_property_copy(QUOVIX_PROPERTY *ppt) {
+QUOVIX_PROPERTY *quovix_property_copy(const QUOVIX_PROPERTY *ppt) {
     if (!ppt || !ppt->uni || !ppt->bin || ppt->total <= 0) {
         std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
         return nullptr;
@@ -827,17 +827,21 @@ void quovix_property_free(QUOVIX_PROPERTY *ppt) {
 
 /// Raw dump of a parameter set with "PPT: " lines; null or empty prints
 /// "PPT: (not allocated)".
-void quovix_property_print(QUOVIX_PROPERTY *ppt) { property_print_to(stdout, ppt); }
+void quovix_property_print(const QUOVIX_PROPERTY *ppt) { property_print_to(stdout, ppt); }
 
 /// The species and pair tables of --print-ppt (pairs without a cutoff skipped;
 /// D_0 and F_0 converted to eV).
-void quovix_property_print_format(QUOVIX_PROPERTY *ppt) { property_print_format_to(stdout, ppt); }
+void quovix_property_print_format(const QUOVIX_PROPERTY *ppt) {
+    property_print_format_to(stdout, ppt);
+}
 
 /// As quovix_property_print, to `out`.
-void quovix_property_fprint(std::FILE *out, QUOVIX_PROPERTY *ppt) { property_print_to(out, ppt); }
+void quovix_property_fprint(std::FILE *out, const QUOVIX_PROPERTY *ppt) {
+    property_print_to(out, ppt);
+}
 
 /// As quovix_property_print_format, to `out`.
-void quovix_property_fprint_format(std::FILE *out, QUOVIX_PROPERTY *ppt) {
+void quovix_property_fprint_format(std::FILE *out, const QUOVIX_PROPERTY *ppt) {
     property_print_format_to(out, ppt);
 }
 

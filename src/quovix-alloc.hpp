@@ -10,44 +10,44 @@ void quovix_text_free(QUOVIX_TEXT *text);
 /// Appends `str`, growing in 1024-byte steps. Null text or str: successful no-op.
 /// On a failed reallocation the whole record is freed and 1 returned.
 int quovix_text_append(QUOVIX_TEXT *text, const char *str);
-int quovix_text_cat(QUOVIX_TEXT *des, QUOVIX_TEXT *src);
+int quovix_text_cat(QUOVIX_TEXT *des, const QUOVIX_TEXT *src);
 int quovix_text_dump(QUOVIX_TEXT *text);
-void quovix_text_print(QUOVIX_TEXT *text);
-void quovix_text_fprint(std::FILE *out, QUOVIX_TEXT *text);
+void quovix_text_print(const QUOVIX_TEXT *text);
+void quovix_text_fprint(std::FILE *out, const QUOVIX_TEXT *text);
 /// Whole file (binary) into a new buffer; null on failure (empty file included).
 QUOVIX_TEXT *quovix_text_import_from_file(const char *filename);
-int quovix_text_export_to_file(QUOVIX_TEXT *text, const char *filename);
-int quovix_text_append_to_file(QUOVIX_TEXT *text, const char *filename);
+int quovix_text_export_to_file(const QUOVIX_TEXT *text, const char *filename);
+int quovix_text_append_to_file(const QUOVIX_TEXT *text, const char *filename);
 /// Splits at `sep`; rows are freed with quovix_array_char_2D_free(rows, row).
-int quovix_text_segregate_into_rows(char ***content, long *row, QUOVIX_TEXT *text, char sep);
+int quovix_text_segregate_into_rows(char ***content, long *row, const QUOVIX_TEXT *text, char sep);
 
 // ---------------------------------------------------------------- records
 QUOVIX_ATOM *quovix_atom_new(long n);
 void quovix_atom_free(QUOVIX_ATOM *atom);
-void quovix_atom_print(QUOVIX_ATOM *atom);
-void quovix_atom_fprint(std::FILE *out, QUOVIX_ATOM *atom);
+void quovix_atom_print(const QUOVIX_ATOM *atom);
+void quovix_atom_fprint(std::FILE *out, const QUOVIX_ATOM *atom);
 
 QUOVIX_CELL *quovix_cell_new(long total_atom);
 void quovix_cell_free(QUOVIX_CELL *cell);
-void quovix_cell_print(QUOVIX_CELL *cell);
-void quovix_cell_fprint(std::FILE *out, QUOVIX_CELL *cell);
-QUOVIX_CELL *quovix_cell_copy(QUOVIX_CELL *cell);
+void quovix_cell_print(const QUOVIX_CELL *cell);
+void quovix_cell_fprint(std::FILE *out, const QUOVIX_CELL *cell);
+QUOVIX_CELL *quovix_cell_copy(const QUOVIX_CELL *cell);
 
 QUOVIX_CARD *quovix_card_new(const char *text);
 void quovix_card_free(QUOVIX_CARD *card);
-void quovix_card_print(QUOVIX_CARD *card);
-void quovix_card_print_discrete(QUOVIX_CARD *card);
+void quovix_card_print(const QUOVIX_CARD *card);
+void quovix_card_print_discrete(const QUOVIX_CARD *card);
 /// As _print (discrete: _print_discrete), into `out`.
-void quovix_card_fprint(std::FILE *out, QUOVIX_CARD *card, bool discrete);
+void quovix_card_fprint(std::FILE *out, const QUOVIX_CARD *card, bool discrete);
 
 QUOVIX_SYMMETRY *quovix_symmetry_new(int total_card);
 void quovix_symmetry_free(QUOVIX_SYMMETRY *symmetry);
-void quovix_symmetry_print(QUOVIX_SYMMETRY *symmetry);
-void quovix_symmetry_print_discrete(QUOVIX_SYMMETRY *symmetry);
+void quovix_symmetry_print(const QUOVIX_SYMMETRY *symmetry);
+void quovix_symmetry_print_discrete(const QUOVIX_SYMMETRY *symmetry);
 /// As _print (discrete: _print_discrete), into `out`.
-void quovix_symmetry_fprint(std::FILE *out, QUOVIX_SYMMETRY *symmetry, bool discrete);
+void quovix_symmetry_fprint(std::FILE *out, const QUOVIX_SYMMETRY *symmetry, bool discrete);
 QUOVIX_SYMMETRY *quovix_symmetry_new_p1();
-bool quovix_symmetry_is_p1(QUOVIX_SYMMETRY *symmetry);
+bool quovix_symmetry_is_p1(const QUOVIX_SYMMETRY *symmetry);
 
 QUOVIX_PROPERTY_UNITARY *quovix_property_unitary_new(int total);
 void quovix_property_unitary_free(QUOVIX_PROPERTY_UNITARY *uni);
@@ -57,13 +57,13 @@ void quovix_property_binary_free(QUOVIX_PROPERTY_BINARY **bin, int total);
 void quovix_property_binary_print(QUOVIX_PROPERTY_BINARY bin);
 
 QUOVIX_PROPERTY *quovix_property_new(int total);
-QUOVIX_PROPERTY *quovix_property_copy(QUOVIX_PROPERTY *ppt);
+QUOVIX_PROPERTY *quovix_property_copy(const QUOVIX_PROPERTY *ppt);
 void quovix_property_free(QUOVIX_PROPERTY *ppt);
-void quovix_property_print(QUOVIX_PROPERTY *ppt);
-void quovix_property_print_format(QUOVIX_PROPERTY *ppt);
+void quovix_property_print(const QUOVIX_PROPERTY *ppt);
+void quovix_property_print_format(const QUOVIX_PROPERTY *ppt);
 /// As _print / _print_format, into `out`.
-void quovix_property_fprint(std::FILE *out, QUOVIX_PROPERTY *ppt);
-void quovix_property_fprint_format(std::FILE *out, QUOVIX_PROPERTY *ppt);
+void quovix_property_fprint(std::FILE *out, const QUOVIX_PROPERTY *ppt);
+void quovix_property_fprint_format(std::FILE *out, const QUOVIX_PROPERTY *ppt);
 
 // ---------------------------------------------------------------- arrays
 int *quovix_array_int_1D_new(long n);

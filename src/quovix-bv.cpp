@@ -24,6 +24,7 @@
 
 #include "quovix-images.hpp"
 #include "quovix-import.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 
@@ -253,7 +254,7 @@ void quovix_bv_free(QUOVIX_BV *bv) {
 }
 
 /// Index of the first site named `name`, or -1.
-long quovix_bv_find_index(QUOVIX_BV *bv, const char *name) {
+long quovix_bv_find_index(const QUOVIX_BV *bv, const char *name) {
     if (bv == nullptr || name == nullptr || bv->atom == nullptr) return -1;
     for (long s = 0; s < bv->total; ++s) {
         if (std::strncmp(bv->atom[s].name, name, QUOVIX_ATOM_NAME_LEN) == 0) return s;
@@ -263,7 +264,7 @@ long quovix_bv_find_index(QUOVIX_BV *bv, const char *name) {
 
 /// Checks that every cation-anion pair of the set has cutoff, b and r0 > 0; prints the first
 /// fault and returns 1.
-int quovix_bv_validate_property(QUOVIX_PROPERTY *ppt) {
+int quovix_bv_validate_property(const QUOVIX_PROPERTY *ppt) {
     if (ppt == nullptr || (ppt->total > 0 && (ppt->os == nullptr || ppt->bin == nullptr))) {
         std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
         return 1;
@@ -368,7 +369,7 @@ QUOVIX_BV *quovix_bv_calculate_from_cell_with_type(QUOVIX_CELL *cell, QUOVIX_SYM
 
 /// GII = sqrt(sum_s multi_s occ_s (sum_s - os_s)^2 / sum_s multi_s occ_s), without messages;
 /// 0 for a record without sites, -1 for null.
-double quovix_gii_calculate_from_bv_no_msg(QUOVIX_BV *bv) {
+double quovix_gii_calculate_from_bv_no_msg(const QUOVIX_BV *bv) {
     if (bv == nullptr) {
         std::fputs("Error: QUOVIX_BV has not been properly initialized.\n", stderr);
         return -1.0;
@@ -386,7 +387,7 @@ double quovix_gii_calculate_from_bv_no_msg(QUOVIX_BV *bv) {
 
 /// GII of the sums, printed with its verdict: stable below 0.15, average up to 0.3 (and for a
 /// GII of exactly 0), unstable up to 1.0, unreasonable from 1.0 on. -1 for null.
-double quovix_gii_calculate_from_bv(QUOVIX_BV *bv) {
+double quovix_gii_calculate_from_bv(const QUOVIX_BV *bv) {
     const double gii = quovix_gii_calculate_from_bv_no_msg(bv);
     if (bv == nullptr) return gii;
     std::printf("GII: Global instability index = %f\n", gii);
@@ -417,7 +418,7 @@ double quovix_gii_calculate_from_cell(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym,
 
 /// Prints the sums per site and the contribution of every site pair to standard output
 /// ("BV: " lines); null prints "BV: (not allocated)" to standard error.
-void quovix_bv_print(QUOVIX_BV *bv) {
+void quovix_bv_print(const QUOVIX_BV *bv) {
     if (bv == nullptr) {
         std::fputs("BV: (not allocated)\n", stderr);
         return;
@@ -427,7 +428,7 @@ void quovix_bv_print(QUOVIX_BV *bv) {
 
 /// Prints the compact block read by the graphical front end: per site its label, fractional
 /// coordinates and sum.
-void quovix_bv_print_gui(QUOVIX_BV *bv) {
+void quovix_bv_print_gui(const QUOVIX_BV *bv) {
     if (bv == nullptr) {
         std::fputs("BV: (not allocated)\n", stderr);
         return;
@@ -444,7 +445,7 @@ void quovix_bv_print_gui(QUOVIX_BV *bv) {
 
 /// The sums as text with CR LF line ends (new QUOVIX_TEXT, freed with quovix_text_free), or
 /// null.
-QUOVIX_TEXT *quovix_bv_export_to_text(QUOVIX_BV *bv) {
+QUOVIX_TEXT *quovix_bv_export_to_text(const QUOVIX_BV *bv) {
     if (bv == nullptr) {
         std::fputs("Error: QUOVIX_BV has not been properly initialized.\n", stderr);
         return nullptr;

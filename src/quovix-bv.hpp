@@ -13,7 +13,7 @@ struct QUOVIX_BV {
 
 QUOVIX_BV *quovix_bv_new(long total);
 void quovix_bv_free(QUOVIX_BV *bv);
-long quovix_bv_find_index(QUOVIX_BV *bv, const char *name);
+long quovix_bv_find_index(const QUOVIX_BV *bv, const char *name);
 
 QUOVIX_BV *quovix_bv_calculate_from_cell(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym,
                                          const char *dir_unitary, const char *dir_binary);
@@ -24,18 +24,15 @@ QUOVIX_BV *quovix_bv_calculate_from_cell_with_type(QUOVIX_CELL *cell, QUOVIX_SYM
 QUOVIX_BV *quovix_bv_calculate_from_flagged_cell(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt);
 QUOVIX_BV *quovix_bv_calculate_from_flagged_cell_at_default_cutoff(QUOVIX_CELL *cell,
                                                                    QUOVIX_PROPERTY *ppt);
-/// The sums of quovix_bv_calculate_from_flagged_cell by the plain loop over every lattice image
-/// on one thread (reference of the shipped sum).
-QUOVIX_BV *quovix_bv_calculate_from_flagged_cell_reference(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt);
-int quovix_bv_validate_property(QUOVIX_PROPERTY *ppt);
+int quovix_bv_validate_property(const QUOVIX_PROPERTY *ppt);
 
-double quovix_gii_calculate_from_bv(QUOVIX_BV *bv);
-double quovix_gii_calculate_from_bv_no_msg(QUOVIX_BV *bv);
+double quovix_gii_calculate_from_bv(const QUOVIX_BV *bv);
+double quovix_gii_calculate_from_bv_no_msg(const QUOVIX_BV *bv);
 double quovix_gii_calculate_from_cell(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *sym,
                                       const char *dir_unitary, const char *dir_binary);
 
-void quovix_bv_print(QUOVIX_BV *bv);
-void quovix_bv_print_gui(QUOVIX_BV *bv);
-QUOVIX_TEXT *quovix_bv_export_to_text(QUOVIX_BV *bv);
+void quovix_bv_print(const QUOVIX_BV *bv);
+void quovix_bv_print_gui(const QUOVIX_BV *bv);
+QUOVIX_TEXT *quovix_bv_export_to_text(const QUOVIX_BV *bv);
 
 using quovix_bv_ptr = quovix_owner<QUOVIX_BV, quovix_bv_free>;

@@ -45,9 +45,9 @@ void print_bv_and_gii(const QUOVIX_CMD_OPT *opt, QUOVIX_CELL *cell, QUOVIX_SYMME
 }
 
 void print_cal_bv_usage() {
-    std::printf("Command: --cal-bv [intput.cif]\n");
-    std::printf("Command: calculates and prints all bond valence sums for each ion.\n");
-    std::printf("Example: ./quovix.x --cal-bv Li2O.cif\n");
+    quovix_cmd_print_lines({"Command: --cal-bv [intput.cif]\n",
+                            "Command: calculates and prints all bond valence sums for each ion.\n",
+                            "Example: ./quovix.x --cal-bv Li2O.cif\n"});
 }
 
 // Element symbol argument read with "%2s".
@@ -62,12 +62,13 @@ void print_cal_bv_usage() {
 void quovix_cmd_opt_do_print_ppt(QUOVIX_CMD_OPT *opt) {
     const quovix_args args(opt);
     if (args.count() < 1) {
-        std::printf("Command: --print-ppt [input.cif] | {screening factor}.\n\n");
-        std::printf("Command: {screening factor}: a double in (0, 1)\n");
-        std::printf("Example: ./quovix.x --print-ppt Li2O.cif\n");
-        std::printf("         will trigger automatic calculation of screening factor.\n");
-        std::printf("Example: ./quovix.x --print-ppt Li2O.cif 0.72.\n");
-        std::printf("         will use provided screening factor 0.72.\n");
+        quovix_cmd_print_lines(
+            {"Command: --print-ppt [input.cif] | {screening factor}.\n\n",
+             "Command: {screening factor}: a double in (0, 1)\n",
+             "Example: ./quovix.x --print-ppt Li2O.cif\n",
+             "         will trigger automatic calculation of screening factor.\n",
+             "Example: ./quovix.x --print-ppt Li2O.cif 0.72.\n",
+             "         will use provided screening factor 0.72.\n"});
         return;
     }
     quovix_cell_ptr cell = read_cell(opt, args.c_str(0));
@@ -92,10 +93,10 @@ void quovix_cmd_opt_do_print_ppt(QUOVIX_CMD_OPT *opt) {
 void quovix_cmd_opt_do_print_ppt_full(QUOVIX_CMD_OPT *opt) {
     const quovix_args args(opt);
     if (args.count() < 1) {
-        std::printf(
-            "Command: --print-ppt-full: [input.cif] | {screening factor} {conducting ion type} "
-            "{conducting ion os}.\n\n");
-        std::printf("Command: reserved for debugging purpose\n");
+        quovix_cmd_print_lines(
+            {"Command: --print-ppt-full: [input.cif] | {screening factor} {conducting ion type} "
+             "{conducting ion os}.\n\n",
+             "Command: reserved for debugging purpose\n"});
         return;
     }
     quovix_cell_ptr cell = read_cell(opt, args.c_str(0));
@@ -125,9 +126,9 @@ void quovix_cmd_opt_do_print_ppt_full(QUOVIX_CMD_OPT *opt) {
 void quovix_cmd_opt_do_cal_charge(QUOVIX_CMD_OPT *opt) {
     const quovix_args args(opt);
     if (args.count() < 1) {
-        std::printf("Command: --cal-charge [intput.cif]\n");
-        std::printf("Command: calculates and prints the total charge of the cell.\n");
-        std::printf("Example: ./quovix.x --cal-charge Li2O.cif\n");
+        quovix_cmd_print_lines({"Command: --cal-charge [intput.cif]\n",
+                                "Command: calculates and prints the total charge of the cell.\n",
+                                "Example: ./quovix.x --cal-charge Li2O.cif\n"});
         return;
     }
     quovix_cell_ptr cell = read_cell(opt, args.c_str(0));
@@ -171,13 +172,14 @@ void quovix_cmd_opt_do_cal_bv_gui(QUOVIX_CMD_OPT *opt) {
 void quovix_cmd_opt_do_cal_bv_type(QUOVIX_CMD_OPT *opt) {
     const quovix_args args(opt);
     if (args.count() < 5) {
-        std::printf("Command: --cal-bv-type [intput.cif] [type1] [os1] [type2] [os2]\n\n");
-        std::printf("Command: {type1}: type of the cation.\n");
-        std::printf("Command: {os1}: oxidation state of the cation.\n");
-        std::printf("Command: {type2}: type of the anion.\n");
-        std::printf("Command: {os2}: oxidation state of the anion.\n");
-        std::printf(
-            "Command: calculates and prints bond valence sums for the specified ion type pair.\n");
+        quovix_cmd_print_lines(
+            {"Command: --cal-bv-type [intput.cif] [type1] [os1] [type2] [os2]\n\n",
+             "Command: {type1}: type of the cation.\n",
+             "Command: {os1}: oxidation state of the cation.\n",
+             "Command: {type2}: type of the anion.\n",
+             "Command: {os2}: oxidation state of the anion.\n",
+             "Command: calculates and prints bond valence sums for the specified ion type "
+             "pair.\n"});
         return;
     }
     char type1[QUOVIX_TYPE_LEN] = {}, type2[QUOVIX_TYPE_LEN] = {};
@@ -214,11 +216,11 @@ void quovix_cmd_opt_do_cal_bv_type(QUOVIX_CMD_OPT *opt) {
 void quovix_cmd_opt_do_cal_gii(QUOVIX_CMD_OPT *opt) {
     const quovix_args args(opt);
     if (args.count() < 1) {
-        std::printf("Command: --cal-gii [input.cif]\n\n");
-        std::printf(
-            "Command: calculates global instability index. The larger it is, the less stable this "
-            "structure is ESTIMATED to be.\n");
-        std::printf("Example: ./quovix.x --cal-gii Li2O.cif\n");
+        quovix_cmd_print_lines(
+            {"Command: --cal-gii [input.cif]\n\n",
+             "Command: calculates global instability index. The larger it is, the less stable this "
+             "structure is ESTIMATED to be.\n",
+             "Example: ./quovix.x --cal-gii Li2O.cif\n"});
         return;
     }
     quovix_cell_ptr cell;
@@ -259,8 +261,8 @@ void quovix_cmd_opt_do_text_cal_bv(QUOVIX_CMD_OPT *opt) {
 void quovix_cmd_opt_do_cal_tot_en(QUOVIX_CMD_OPT *opt) {
     const quovix_args args(opt);
     if (args.count() < 1) {
-        std::printf("Command: --cal-tot-en [input.cif] | {sf}\n\n");
-        std::printf("Example: ./quovix.x --cal-tot-en Li2O.cif\n");
+        quovix_cmd_print_lines({"Command: --cal-tot-en [input.cif] | {sf}\n\n",
+                                "Example: ./quovix.x --cal-tot-en Li2O.cif\n"});
         return;
     }
     double sf = -0.1;  // fitted

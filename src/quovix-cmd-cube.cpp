@@ -64,15 +64,13 @@ void warn_if_grid_capped(QUOVIX_CELL *cell, bool supercell, double resolution) {
 void quovix_cmd_opt_do_print_cube(QUOVIX_CMD_OPT *opt) {
     quovix_args args(opt);
     if (args.count() < 1) {
-        std::fputs("Command: --print-cube [input.cube] | {flag:periodic}\n\n", stdout);
-        std::fputs("Command: [input.cube]: in Guassian cube format. Headers are optional.\n",
-                   stdout);
-        std::fputs(
-            "Command: {flag:periodic}: t or f. If true, the cube is treated as periodic, "
-            "namely boundaries are not repeatedly recorded in the file. Default value "
-            "true.\n",
-            stdout);
-        std::fputs("Example: ./quovix.x --print-cube Li2O.cube\n", stdout);
+        quovix_cmd_print_lines(
+            {"Command: --print-cube [input.cube] | {flag:periodic}\n\n",
+             "Command: [input.cube]: in Guassian cube format. Headers are optional.\n",
+             "Command: {flag:periodic}: t or f. If true, the cube is treated as periodic, "
+             "namely boundaries are not repeatedly recorded in the file. Default value "
+             "true.\n",
+             "Example: ./quovix.x --print-cube Li2O.cube\n"});
         return;
     }
     bool periodic = true;
@@ -97,42 +95,29 @@ void quovix_cmd_opt_do_print_cube(QUOVIX_CMD_OPT *opt) {
 void quovix_cmd_opt_do_gen_cube(QUOVIX_CMD_OPT *opt) {
     quovix_args args(opt);
     if (args.count() < 3) {
-        std::fputs(
-            "Command: --gen-cube [input.cif] [type] [os] | {sf} {resolution} "
-            "{flag:ignore_conducting_ion} {flag:periodic} {flag:skip_mix_occ} "
-            "{output_name}\n\n",
-            stdout);
-        std::fputs("Command: [type] the element type of conducting ion, two characters.\n", stdout);
-        std::fputs("Command: [os] the oxidation state of conducting ion, integer.\n", stdout);
-        std::fputs(
-            "Command: {sf}: customized screening factor to use. If set to non-positive, "
-            "automatic calculation is triggered. Default 0.0.\n",
-            stdout);
-        std::fputs(
-            "Command: {resolution}: preferred seperation between voxels. Actual "
-            "resolution will be slightly different guarantee the number of voxels along "
-            "each lattice parameter is a multiple of 12. Default 0.1.\n",
-            stdout);
-        std::fputs(
-            "Command: {flag:ignore_conducting_ion}: if set to true, all ions with the "
-            "same type and os as the conducting ion are ignored during calculation. "
-            "Default true.\n",
-            stdout);
-        std::fputs(
-            "Command: {flag:periodic}: if set to true, generated cube file contains "
-            "voxels along boundaries only once. Default true.\n",
-            stdout);
-        std::fputs(
-            "Command: {flag:skip_mix_occ}: if set to true, skip the cube file generation "
-            "for structure with mixed occupancy site. Default false.\n",
-            stdout);
-        std::fputs(
-            "Command: we advice staying with the default setting. If the screening factor "
-            "cannot be calculated automatically, a suitable estimate of about 0.74 can be "
-            "used.\n",
-            stdout);
-        std::fputs("Example: ./quovix.x --gen-cube Li2O.cif Li 1\n", stdout);
-        std::fputs("Example: ./quovix.x --gen-cube Li2O.cif Li 1 0.71 0.05 f t\n", stdout);
+        quovix_cmd_print_lines(
+            {"Command: --gen-cube [input.cif] [type] [os] | {sf} {resolution} "
+             "{flag:ignore_conducting_ion} {flag:periodic} {flag:skip_mix_occ} "
+             "{output_name}\n\n",
+             "Command: [type] the element type of conducting ion, two characters.\n",
+             "Command: [os] the oxidation state of conducting ion, integer.\n",
+             "Command: {sf}: customized screening factor to use. If set to non-positive, "
+             "automatic calculation is triggered. Default 0.0.\n",
+             "Command: {resolution}: preferred seperation between voxels. Actual "
+             "resolution will be slightly different guarantee the number of voxels along "
+             "each lattice parameter is a multiple of 12. Default 0.1.\n",
+             "Command: {flag:ignore_conducting_ion}: if set to true, all ions with the "
+             "same type and os as the conducting ion are ignored during calculation. "
+             "Default true.\n",
+             "Command: {flag:periodic}: if set to true, generated cube file contains "
+             "voxels along boundaries only once. Default true.\n",
+             "Command: {flag:skip_mix_occ}: if set to true, skip the cube file generation "
+             "for structure with mixed occupancy site. Default false.\n",
+             "Command: we advice staying with the default setting. If the screening factor "
+             "cannot be calculated automatically, a suitable estimate of about 0.74 can be "
+             "used.\n",
+             "Example: ./quovix.x --gen-cube Li2O.cif Li 1\n",
+             "Example: ./quovix.x --gen-cube Li2O.cif Li 1 0.71 0.05 f t\n"});
         return;
     }
     const char *input = args.c_str(0);

@@ -1,4 +1,4 @@
-// Command front end: run context, dispatch, banner, help, text mode and argument helper.
+// Command front end: run context, banner, text mode, argument helper and usage blocks.
 #include "quovix-cmd.hpp"
 
 #include <unistd.h>  // readlink, for the directory of the running executable
@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <string>
 
 #include "quovix-alloc.hpp"
@@ -60,150 +59,9 @@ char *data_file_path(const char *dir, const char *name) {
     return dup_string(buffer);
 }
 
-using Handler = void (*)(QUOVIX_CMD_OPT *);
-struct Command {
-    const char *option;
-    Handler handler;
-};
-
-// The command table; argv[1] is compared with each option exactly.
-constexpr Command kCommands[] = {
-    {"--help", quovix_cmd_opt_do_print_help},
-    {"-h", quovix_cmd_opt_do_print_help},
-    {"--print-sys", quovix_cmd_opt_print},
-    {"--print-cell", quovix_cmd_opt_do_print_cell},
-    {"--print-ppt", quovix_cmd_opt_do_print_ppt},
-    {"--print-ppt-full", quovix_cmd_opt_do_print_ppt_full},
-    {"--print-sym", quovix_cmd_opt_do_print_sym},
-    {"--print-cube", quovix_cmd_opt_do_print_cube},
-    {"--gen-cif", quovix_cmd_opt_do_gen_cif},
-    {"--gen-cif-reduced", quovix_cmd_opt_do_gen_cif_reduced},
-    {"--gen-cif-p1", quovix_cmd_opt_do_gen_cif_p1},
-    {"--gen-cif-assign", quovix_cmd_opt_do_gen_cif_assign},
-    {"--gen-cif-assign-all", quovix_cmd_opt_do_gen_cif_assign_all},
-    {"--gen-cif-os", quovix_cmd_opt_do_gen_cif_os},
-    {"--gen-gin-lib", quovix_cmd_opt_do_gen_gin_lib},
-    {"--gen-gin-eam", quovix_cmd_opt_do_gen_gin_eam},
-    {"--gen-gin", quovix_cmd_opt_do_gen_gin},
-    {"--gen-cube", quovix_cmd_opt_do_gen_cube},
-    {"--gen-cube-gii", quovix_cmd_opt_do_gen_cube_gii},
-    {"--gen-cube-tot", quovix_cmd_opt_do_gen_cube_tot},
-    {"--gen-cube-tot-eam", quovix_cmd_opt_do_gen_cube_tot_eam},
-    {"--cal-charge", quovix_cmd_opt_do_cal_charge},
-    {"--cal-bv", quovix_cmd_opt_do_cal_bv},
-    {"--cal-bv-gui", quovix_cmd_opt_do_cal_bv_gui},
-    {"--cal-bv-type", quovix_cmd_opt_do_cal_bv_type},
-    {"--cal-gii", quovix_cmd_opt_do_cal_gii},
-    {"--cal-cn", quovix_cmd_opt_do_cal_cn},
-    {"--cal-cn-atom", quovix_cmd_opt_do_cal_cn_atom},
-    {"--cal-cn-type", quovix_cmd_opt_do_cal_cn_type},
-    {"--cal-cn-bv", quovix_cmd_opt_do_cal_cn_bv},
-    {"--cal-cn-gui", quovix_cmd_opt_do_cal_cn_gui},
-    {"--cal-sym", quovix_cmd_opt_do_cal_sym},
-    {"--cal-tot-en", quovix_cmd_opt_do_cal_tot_en},
-    {"--rx-sd", quovix_cmd_opt_do_rx_sd},
-    {"--rx-neb", quovix_cmd_opt_do_rx_neb},
-    {"--rx-neb-images", quovix_cmd_opt_do_rx_neb_images},
-    {"--fft", quovix_cmd_opt_do_fft},
-    {"--fft-cubes", quovix_cmd_opt_do_fft_cubes},
-    {"--fp-map", quovix_cmd_opt_do_fp_map},
-    {"--gh", quovix_cmd_opt_do_gh},
-    {"--kmc", quovix_cmd_opt_do_kmc},
-    {"--sites", quovix_cmd_opt_do_sites},
-    {"--md", quovix_cmd_opt_do_md},
-    {"--text-cal-bv", quovix_cmd_opt_do_text_cal_bv},
-    {"--text-gen-gin-lib", quovix_cmd_opt_do_text_gen_gin_lib},
-    {"--text-gen-gin-lib-set-sf", quovix_cmd_opt_do_text_gen_gin_lib_set_sf},
-};
-
-// One line of the help listing: nullptr option means an empty line.
-struct HelpLine {
-    const char *option;
-    const char *description;
-};
-
-constexpr HelpLine kHelp[] = {
-    {"--help", "display this help."},
-    {"--print-cell", "print the loaded cell."},
-    {"--print-ppt", "print the property corresponding to the loaded cell."},
-    {"--print-sym", "print the symmetry corresponding to the loaded cell."},
-    {"--print-cube", "print a summary of the loaded cube."},
-    {nullptr, nullptr},
-    {"--gen-cif", "write the loaded cell to file in cif format."},
-    {"--gen-cif-reduced", "write the loaded cell reduced by symmetry to file in cif format."},
-    {"--gen-cif-p1", "write the loaded cell to file in cif format without symmetry."},
-    {"--gen-cif-assign",
-     "write the cell with partially occupied sites of the conducting species assigned "
-     "occupancy 1.0 at random."},
-    {"--gen-cif-assign-all",
-     "write the cell with all partially occupied sites assigned occupancy 1.0 at random."},
-    {"--gen-gin-lib",
-     "generate a Morse type forcefield file in .lib format for calculation with software GULP."},
-    {"--gen-gin-eam",
-     "generate a Embedde-atom Method forcefield file in .lib format for calculation with "
-     "software GULP."},
-    {"--gen-gin",
-     "generate an overall input file in .gin format for performing molecular dynamics "
-     "calculaiton with software GULP."},
-    {"--gen-cube",
-     "static (bond-valence site energy) landscape of the conducting ion, written as a "
-     "Gaussian cube file."},
-    {"--gen-cube-gii", "static GII landscape, written as a cube file."},
-    {"--gen-cube-tot", "total energy landscape, written as a cube file."},
-    {"--gen-cube-tot-eam", "total energy landscape with the EAM term, written as a cube file."},
-    {nullptr, nullptr},
-    {"--cal-bv", "calculate bond valences (sums) of the loaded cell, then its GII."},
-    {"--cal-gii", "calculate the global instability index of the loaded cell."},
-    {"--cal-cn", "coordination number of the specified atom by radial distribution."},
-    {"--cal-cn-bv", "coordination number of the specified atom by bond valence theory."},
-    {"--cal-cn-atom", "coordination shell of the specified atom."},
-    {"--cal-cn-type", "averaged coordination number of the specified pair of ions."},
-    {"--cal-cn-gui", "coordination numbers of all sites by bond valence theory."},
-    {"--cal-sym", "calculate symmetry of the loaded cell."},
-    {"--cal-tot-en", "calculate the total energy of the loaded cell."},
-    {"--cal-charge", "calculate the total charge of the loaded cell."},
-    {nullptr, nullptr},
-    {"--rx-sd", "relax the cell by steepest descent and write the result as CIF."},
-    {"--rx-neb", "perform a simple nudged elastic bend calculation with input of two end images."},
-    {"--rx-neb-images", "nudged elastic band from a series of images."},
-    {"--fft", "Fourier analysis of a cube: critical points with eigenvalues and eigenvectors."},
-    {"--fft-cubes", "Fourier analysis writing force, force-constant, laplacian and slope cubes."},
-    {"--fp-map", "CIF file representing the conduction path in a cube."},
-    {"--gh", "CIF and csv files of the characteristic conduction pathway in a cube."},
-    {"--sites", "summary of sites based on graph analysis."},
-    {"--md", "perform a molecular dynamics allowing only conducting ions to move."},
-    {"--kmc",
-     "conducts a kinetic monte carlo simulation to estimate the ionic conductivity given the "
-     "cif and cube files."},
-};
-
 }  // namespace
 
-// ---------------------------------------------------------------- run
-
-int quovix_cmd_start(int argc, char **argv) {
-    quovix_owner<QUOVIX_CMD_OPT, quovix_cmd_opt_free> opt{quovix_cmd_opt_init(argc, argv)};
-    if (!opt) {
-        std::fputs("Error: quovix_cmd_opt_init() returns NULL.\n", stderr);
-        return 1;
-    }
-    // One seed per run from the calendar time; every random choice draws from it.
-    std::srand(static_cast<unsigned>(std::time(nullptr)));
-
-    if (argc == 1 || std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "-v") == 0) {
-        quovix_cmd_opt_do_print_version(opt.get());
-        return 0;
-    }
-    for (const Command &c : kCommands) {
-        if (std::strcmp(argv[1], c.option) == 0) {
-            c.handler(opt.get());
-            std::fflush(stdout);
-            return 0;
-        }
-    }
-    std::printf("Error: arguments not recognized. '-h' for help.\n");
-    return 0;
-}
+// ---------------------------------------------------------------- run context
 
 QUOVIX_CMD_OPT *quovix_cmd_opt_init(int argc, char **argv) {
     if (argc < 1 || !argv || !argv[0]) {
@@ -343,26 +201,6 @@ void quovix_cmd_opt_do_print_version(QUOVIX_CMD_OPT *) {
     std::printf("    --help to list commands available.\n");
     std::printf("    Developed by the Quovix team, bond-valence tools for ionic crystals.\n");
     std::printf("    Please report bugs to the Quovix issue tracker.\n");
-}
-
-void quovix_cmd_opt_do_print_help(QUOVIX_CMD_OPT *) {
-    std::printf("Message: avalable commands are listed.\n");
-    std::printf(
-        "Message: detailed help with each command can be found by typing each command without "
-        "argument,\n");
-    std::printf(
-        "Message: basic format is: --command-name [compulsory arguments] | {optional "
-        "arguments}\n");
-    std::printf("\n");
-    for (const HelpLine &line : kHelp) {
-        if (!line.option) {
-            std::printf("\n");
-            continue;
-        }
-        // The option column is 20 characters wide, so that the longest option
-        // (--gen-cif-assign-all) still lines up with the others.
-        std::printf("Message:   %-20s: %s\n", line.option, line.description);
-    }
 }
 
 // ---------------------------------------------------------------- arguments

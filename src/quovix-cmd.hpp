@@ -63,8 +63,21 @@ void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input, c
 /// non-zero." is printed and the result is false.
 [[nodiscard]] bool quovix_cmd_read_cif(const QUOVIX_CMD_OPT *opt, const char *path,
                                        quovix_cell_ptr &cell, quovix_symmetry_ptr &symmetry);
-/// Prints each line as given (the lines carry their own line ends) on standard output.
+/// The one way to print a usage block ("Command: ..." and "Example: ..." lines): each line as
+/// given (the lines carry their own line ends), on standard output.
 void quovix_cmd_print_lines(std::initializer_list<const char *> lines);
+
+/// One row of the command table (quovix-cmd-table.cpp).
+struct quovix_command {
+    const char *option;                 // argv[1], matched exactly
+    void (*handler)(QUOVIX_CMD_OPT *);  // quovix_cmd_opt_do_<name>
+    const char *help;                   // its --help line; null: not listed (hidden command)
+    bool new_group = false;             // a blank line before its --help line
+};
+/// Every command, in --help order.
+std::span<const quovix_command> quovix_cmd_table();
+/// The row of `option`, or null.
+const quovix_command *quovix_cmd_find(const char *option);
 
 // Handlers: each prints its own usage block when compulsory arguments are missing.
 void quovix_cmd_opt_do_print_version(QUOVIX_CMD_OPT *opt);

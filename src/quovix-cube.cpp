@@ -182,10 +182,10 @@ void quovix_cube_free(QUOVIX_CUBE *cube) {
 
 /// Prints the grid counts, cell vectors and voxel vectors (A) to standard output; a null cube
 /// prints "(not allocated)" without the tag.
-void quovix_cube_print_info(QUOVIX_CUBE *cube) { print_info_to(stdout, cube); }
+void quovix_cube_print_info(const QUOVIX_CUBE *cube) { print_info_to(stdout, cube); }
 
 /// Same as quovix_cube_print_info, to the given stream.
-void quovix_cube_fprint_info(std::FILE *out, QUOVIX_CUBE *cube) { print_info_to(out, cube); }
+void quovix_cube_fprint_info(std::FILE *out, const QUOVIX_CUBE *cube) { print_info_to(out, cube); }
 
 /// Writes the cube file (binary mode, CR LF line ends, lengths in Bohr). With a cell holding
 /// atoms and a parameter set, the header names the cell and the mobile species and lists the
@@ -193,8 +193,8 @@ void quovix_cube_fprint_info(std::FILE *out, QUOVIX_CUBE *cube) { print_info_to(
 /// false repeats the first plane after the last along every axis. Every atom's species is
 /// checked before the file is opened, so a failure never leaves a partial file behind.
 /// 0 on success, 1 after printing the reason.
-int quovix_cube_export_to_file(QUOVIX_CUBE *cube, QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt,
-                               const char *filename, bool periodic) {
+int quovix_cube_export_to_file(const QUOVIX_CUBE *cube, const QUOVIX_CELL *cell,
+                               const QUOVIX_PROPERTY *ppt, const char *filename, bool periodic) {
     if (!cube || !cube->en || cube->n[0] <= 0 || cube->n[1] <= 0 || cube->n[2] <= 0) {
         std::fputs("Error: QUOVIX_CUBE has not been properly initialized.\n", stderr);
         return 1;

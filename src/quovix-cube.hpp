@@ -12,10 +12,10 @@ struct QUOVIX_CUBE {
 
 QUOVIX_CUBE *quovix_cube_new(const long n[3]);
 void quovix_cube_free(QUOVIX_CUBE *cube);
-void quovix_cube_print_info(QUOVIX_CUBE *cube);
+void quovix_cube_print_info(const QUOVIX_CUBE *cube);
 
-int quovix_cube_export_to_file(QUOVIX_CUBE *cube, QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt,
-                               const char *filename, bool periodic);
+int quovix_cube_export_to_file(const QUOVIX_CUBE *cube, const QUOVIX_CELL *cell,
+                               const QUOVIX_PROPERTY *ppt, const char *filename, bool periodic);
 int quovix_cube_import_from_file(QUOVIX_CUBE **cube, QUOVIX_CELL **cell, const char *filename,
                                  bool periodic, const char *dir_unitary);
 
@@ -25,21 +25,10 @@ QUOVIX_CUBE *quovix_cube_calculate(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
 
 // ---------------------------------------------------------------- landscape helpers
 /// Same as quovix_cube_print_info, to the given stream.
-void quovix_cube_fprint_info(std::FILE *out, QUOVIX_CUBE *cube);
+void quovix_cube_fprint_info(std::FILE *out, const QUOVIX_CUBE *cube);
 /// Grid counts (multiples of 24, at most 196^3 points in all) for lattice lengths at a
 /// resolution (A). 0 on success, 1 for non-positive input.
 int quovix_cube_grid_size(long n[3], const double length[3], double resolution);
-/// Reference landscape (every point, atom and translation); same contract as
-/// quovix_cube_calculate, which reproduces its values within 1e-9 eV and its six printed
-/// decimals exactly.
-QUOVIX_CUBE *quovix_cube_calculate_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
-                                         QUOVIX_PROPERTY *ppt, double resolution,
-                                         bool ignore_conducting);
-/// The shipped landscape with scalar exp/erfc (no vector kernel): quovix_cube_calculate_plain's
-/// values bit for bit, with the fast loop's binning, symmetry and threads.
-QUOVIX_CUBE *quovix_cube_calculate_scalar(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
-                                          QUOVIX_PROPERTY *ppt, double resolution,
-                                          bool ignore_conducting);
 /// Parameter set with the mobile species + landscape; *ppt receives the set (caller frees).
 QUOVIX_CUBE *quovix_cube_calculate_from_cell(QUOVIX_PROPERTY **ppt, QUOVIX_CELL *cell,
                                              QUOVIX_SYMMETRY *symmetry, const char *type, int os,

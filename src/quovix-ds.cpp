@@ -110,7 +110,7 @@ void quovix_list_empty(QUOVIX_LIST *list) {
 }
 
 /// True when the list holds no element.
-bool quovix_list_is_empty(QUOVIX_LIST *list) { return list->head->next == list->tail; }
+bool quovix_list_is_empty(const QUOVIX_LIST *list) { return list->head->next == list->tail; }
 
 /// Inserts `data` at the front; the cursor moves to it. Returns `data`, or null
 /// on failure (list unchanged).
@@ -182,7 +182,7 @@ bool quovix_list_contain(QUOVIX_LIST *list, void *data) {
 }
 
 /// Number of elements, by walking the list.
-long quovix_list_count(QUOVIX_LIST *list) {
+long quovix_list_count(const QUOVIX_LIST *list) {
     long n = 0;
     for (QUOVIX_LIST_NODE *node = list->head->next; node != list->tail; node = node->next) n++;
     return n;
@@ -206,7 +206,7 @@ long quovix_list_union(QUOVIX_LIST *des, QUOVIX_LIST *src) {
 
 /// Prints "QUOVIX_LIST: head^", "->N" per element (1-based, "^" added when its
 /// data is null) and "->tail^" to stdout.
-void quovix_list_print(QUOVIX_LIST *list) {
+void quovix_list_print(const QUOVIX_LIST *list) {
     if (!list || !list->head || !list->tail) {
         std::fputs("QUOVIX_LIST: (not allocated)\n", stdout);
         return;

@@ -18,7 +18,7 @@ QUOVIX_LIST *quovix_list_new(void (*func_free)(void *));
 void quovix_list_free(QUOVIX_LIST *list);
 void quovix_list_free_ref(QUOVIX_LIST *list);
 void quovix_list_empty(QUOVIX_LIST *list);
-bool quovix_list_is_empty(QUOVIX_LIST *list);
+bool quovix_list_is_empty(const QUOVIX_LIST *list);
 void *quovix_list_insert_first(QUOVIX_LIST *list, void *data);
 void *quovix_list_insert_last(QUOVIX_LIST *list, void *data);
 void *quovix_list_remove(QUOVIX_LIST *list, QUOVIX_LIST_NODE *node);
@@ -27,9 +27,9 @@ void *quovix_list_remove_last(QUOVIX_LIST *list);
 void *quovix_list_read_first(QUOVIX_LIST *list);
 void *quovix_list_read_last(QUOVIX_LIST *list);
 bool quovix_list_contain(QUOVIX_LIST *list, void *data);
-long quovix_list_count(QUOVIX_LIST *list);
+long quovix_list_count(const QUOVIX_LIST *list);
 long quovix_list_union(QUOVIX_LIST *des, QUOVIX_LIST *src);
-void quovix_list_print(QUOVIX_LIST *list);
+void quovix_list_print(const QUOVIX_LIST *list);
 
 // Stack and queue names.
 inline void *quovix_list_push(QUOVIX_LIST *l, void *d) { return quovix_list_insert_first(l, d); }

@@ -55,7 +55,7 @@ bool same_species(const QUOVIX_ATOM &a, const char *type, int os) {
 
 // Replaces the atoms of `cell` by those of `atoms` for which keep[i] is true, in order.
 // Null (with a message) on failure, including when no atom is kept.
-QUOVIX_CELL *copy_with_atoms(QUOVIX_CELL *cell, const std::vector<QUOVIX_ATOM> &atoms,
+QUOVIX_CELL *copy_with_atoms(const QUOVIX_CELL *cell, const std::vector<QUOVIX_ATOM> &atoms,
                              const std::vector<char> &keep) {
     quovix_cell_ptr out(quovix_cell_copy(cell));
     if (!out) {
@@ -192,7 +192,7 @@ void quovix_cell_update_fractional(QUOVIX_CELL *cell) {
 }
 
 /// Cell volume |a0 . (a1 x a2)| in cubic angstrom; 0 for a null cell.
-double quovix_cell_calculate_volume(QUOVIX_CELL *cell) {
+double quovix_cell_calculate_volume(const QUOVIX_CELL *cell) {
     if (cell == nullptr) return 0.0;
     const double(*m)[3] = cell->a;
     const double det = m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
@@ -214,7 +214,7 @@ void quovix_cell_bound_fractional(QUOVIX_CELL *cell) {
 
 /// Shortest Cartesian distance between atom1 and the 27 images of atom2 shifted by
 /// i a0 + j a1 + k a2 with i, j, k in {-1, 0, 1}; no larger shifts are tried.
-double quovix_cell_min_distance_btw_atoms(QUOVIX_CELL *cell, const QUOVIX_ATOM *atom1,
+double quovix_cell_min_distance_btw_atoms(const QUOVIX_CELL *cell, const QUOVIX_ATOM *atom1,
                                           const QUOVIX_ATOM *atom2) {
     if (cell == nullptr || atom1 == nullptr || atom2 == nullptr) return 0.0;
     double best = -1.0;
@@ -278,7 +278,7 @@ void quovix_cell_refresh(QUOVIX_CELL *cell) {
 }
 
 /// Number of distinct (type, os) species of the cell.
-int quovix_cell_count_type_os(QUOVIX_CELL *cell) {
+int quovix_cell_count_type_os(const QUOVIX_CELL *cell) {
     if (!cell_has_atoms(cell)) return 0;
     return quovix_guard("species list", [&]() -> int {
         std::set<std::pair<std::string, int>> species;
@@ -291,7 +291,7 @@ int quovix_cell_count_type_os(QUOVIX_CELL *cell) {
 /// Supercell of multiple[0] x multiple[1] x multiple[2] cells: lattice rows, lengths and
 /// Z scaled, angles kept; shifts run outermost (i over a, then b, then c) with the atoms
 /// of the cell in order inside, each at (x_f + shift)/multiple. New cell or null.
-QUOVIX_CELL *quovix_cell_supercell(QUOVIX_CELL *cell, const long multiple[3]) {
+QUOVIX_CELL *quovix_cell_supercell(const QUOVIX_CELL *cell, const long multiple[3]) {
     if (multiple == nullptr || multiple[0] < 1 || multiple[1] < 1 || multiple[2] < 1) {
         std::fputs("Error: supercell parameters must be positive.\n", stderr);
         return nullptr;
@@ -355,7 +355,7 @@ QUOVIX_CELL *quovix_cell_supercell(QUOVIX_CELL *cell, const long multiple[3]) {
 /// Supercell with the default multiples for N atoms: N >= 250: 1,1,1; 32..249: 2,1,2
 /// when c is strictly the longest axis, else 2,2,1; 16..31: 2,2,2; 5..15: 3,3,3;
 /// 2..4: 4,4,4; 1: 5,5,5. Null for a cell without atoms.
-QUOVIX_CELL *quovix_cell_supercell_default(QUOVIX_CELL *cell) {
+QUOVIX_CELL *quovix_cell_supercell_default(const QUOVIX_CELL *cell) {
     const long n = cell != nullptr ? cell->total : 0;
     long m[3] = {1, 1, 1};
     if (n < 1) {
@@ -416,7 +416,7 @@ int quovix_cell_deform(QUOVIX_CELL *cell, const double strain[3][3]) {
 
 /// True when some atom of the species (type, os) lies, by periodic minimum distance,
 /// closer than 0.3 A to an atom of another species.
-bool quovix_cell_partial_occ_at_conducting_site(QUOVIX_CELL *cell, const char *type, int os) {
+bool quovix_cell_partial_occ_at_conducting_site(const QUOVIX_CELL *cell, const char *type, int os) {
     if (!cell_has_atoms(cell) || type == nullptr) return false;
     for (long i = 0; i < cell->total; ++i) {
         if (!same_species(cell->atom[i], type, os)) continue;
@@ -485,8 +485,8 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ(QUOVIX_CELL *cell, const char *type,
 /// 0.3 A; undecided atoms left over are dropped. Then, while the total charge sum(occ os)
 /// exceeds 0.5 |os| in magnitude, random conducting atoms are removed, or restored onto
 /// empty sites. Atoms left with occupancy below 0.01 are dropped. New cell or null.
-QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell, const char *type,
-                                                               int os) {
+QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(const QUOVIX_CELL *cell,
+                                                               const char *type, int os) {
     if (!cell_has_atoms(cell) || type == nullptr) {
         std::fputs("Error: QUOVIX_CELL has not been properly initialized.\n", stderr);
         return nullptr;
@@ -643,7 +643,7 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell
 /// Every species resolved: on a copy of the cell (whose atoms get sorted while the species
 /// list is built), first _assign_partial_occ_at_conducting_site for each species sharing a
 /// site with another, then _assign_partial_occ for each species. New cell or null.
-QUOVIX_CELL *quovix_cell_assign_partial_occ_all(QUOVIX_CELL *cell) {
+QUOVIX_CELL *quovix_cell_assign_partial_occ_all(const QUOVIX_CELL *cell) {
     if (!cell_has_atoms(cell)) {
         std::fputs("Error: QUOVIX_CELL has not been properly initialized.\n", stderr);
         return nullptr;
@@ -688,7 +688,7 @@ QUOVIX_CELL *quovix_cell_assign_partial_occ_all(QUOVIX_CELL *cell) {
 /// CIF text of the cell written under `symmetry` (null: P1, with a message): the cell is
 /// reduced by the symmetry, sorted and written with the fixed template (CR LF line ends,
 /// the quirks of the first line and of the fract_y tag included). New text or null.
-QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry) {
     quovix_symmetry_ptr p1;
     if (symmetry == nullptr) {
         std::printf("Message: symmetry info missing. Using P1.\n");
@@ -759,7 +759,7 @@ QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *
 /// Writes the CIF text of the cell (see quovix_cell_export_cif_to_text) to `filename` and
 /// prints "Message: cif file saved to ...". 0 on success, 1 with an error chain.
 int quovix_cell_export_cif_to_file(const char *filename, QUOVIX_CELL *cell,
-                                   QUOVIX_SYMMETRY *symmetry) {
+                                   const QUOVIX_SYMMETRY *symmetry) {
     quovix_text_ptr text(quovix_cell_export_cif_to_text(cell, symmetry));
     if (!text) {
         std::fputs("Error: quovix_cell_export_cif_to_text() returns NULL.\n", stderr);

@@ -256,7 +256,7 @@ int quovix_property_binary_read_from_file(QUOVIX_PROPERTY_BINARY *bin, const cha
 
 /// Reads every species' unitary line and every ordered pair's binary line. Each file is read
 /// once and matched in memory, with the same first-match rules as the single-record readers.
-int quovix_property_update_read_from_file(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell,
+int quovix_property_update_read_from_file(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell,
                                           const char *dir_unitary, const char *dir_binary) {
     (void)cell;  // the species list was taken from the cell before
     if (ppt == nullptr || (ppt->total > 0 && (ppt->uni == nullptr || ppt->bin == nullptr))) {
@@ -367,7 +367,7 @@ int quovix_property_type_from_atomic_number(int an, QUOVIX_ATOM *atom, const cha
 // ---------------------------------------------------------------------------------------------
 
 /// Index of species (type, os) in the set, or -1.
-int quovix_property_find_index(QUOVIX_PROPERTY *ppt, const char *type, int os) {
+int quovix_property_find_index(const QUOVIX_PROPERTY *ppt, const char *type, int os) {
     if (ppt == nullptr || type == nullptr || ppt->type == nullptr || ppt->os == nullptr) return -1;
     for (int i = 0; i < ppt->total; ++i) {
         if (ppt->os[i] == os && std::strncmp(ppt->type[i], type, QUOVIX_TYPE_LEN) == 0) return i;
@@ -378,7 +378,7 @@ int quovix_property_find_index(QUOVIX_PROPERTY *ppt, const char *type, int os) {
 /// Replaces the species list of `ppt` by the distinct (type, os) pairs of the cell, in the
 /// order of quovix_atom_sort (the cell's atoms are sorted in place), with fresh zeroed unitary
 /// records and pair matrix labelled with their species. `count` is zeroed.
-int quovix_property_update_index_by_cell(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell) {
+int quovix_property_update_index_by_cell(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell) {
     if (ppt == nullptr) {
         std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
         return 1;
@@ -571,7 +571,7 @@ int quovix_property_estimate(QUOVIX_PROPERTY *ppt, const char *dir_unitary,
 /// Effective b of every cation-anion pair: b = (2/3) b_avg + (1/3) b_old, where b_avg is the
 /// cation's tabulated b averaged over all anion atoms of the cell weighted by occupancy. It
 /// softens the bonds of a cation towards its mixed-anion environment.
-int quovix_property_calculate_effective_b(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell) {
+int quovix_property_calculate_effective_b(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell) {
     if (ppt == nullptr || cell == nullptr || (ppt->total > 0 && ppt->bin == nullptr) ||
         (cell->total > 0 && cell->atom == nullptr)) {
         std::fputs("Error: QUOVIX_CELL or QUOVIX_PROPERTY has not been properly initialized.\n",
@@ -688,7 +688,7 @@ int quovix_property_binary_derived(QUOVIX_PROPERTY *ppt) {
 /// than its oxidation state caps the whole set. Fails with "Error: total charge of the cell is
 /// not neutral" when the charges cannot balance, including a cell with only cations or only
 /// anions (the message then gives the formal charge of the cell).
-int quovix_property_calculate_fractional_charge(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell) {
+int quovix_property_calculate_fractional_charge(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell) {
     if (ppt == nullptr || cell == nullptr || (ppt->total > 0 && ppt->uni == nullptr) ||
         (cell->total > 0 && cell->atom == nullptr)) {
         std::fputs("Error: QUOVIX_CELL or QUOVIX_PROPERTY has not been properly initialized.\n",
@@ -798,7 +798,7 @@ int quovix_property_binary_pseudopotential(QUOVIX_PROPERTY *ppt) {
 }
 
 /// count[i] = occupancy-weighted number of atoms of species i in the cell.
-int quovix_property_calculate_type_count(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell) {
+int quovix_property_calculate_type_count(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell) {
     if (ppt == nullptr || cell == nullptr || (ppt->total > 0 && ppt->count == nullptr) ||
         (cell->total > 0 && cell->atom == nullptr)) {
         std::fputs("Error: QUOVIX_CELL and QUOVIX_PROPERTY has not been initialized.\n", stderr);
@@ -849,7 +849,7 @@ int quovix_property_calculate_unitary_eam_parameter(QUOVIX_PROPERTY *ppt) {
 
 /// Checks that every charged species has a charge of its sign, rc, m and soft, and that every
 /// cation-anion pair has cutoff, b, cn, r0, d0 and rmin; prints the first fault and returns 1.
-int quovix_property_validate_generic(QUOVIX_PROPERTY *ppt) {
+int quovix_property_validate_generic(const QUOVIX_PROPERTY *ppt) {
     if (ppt == nullptr || (ppt->total > 0 && (ppt->uni == nullptr || ppt->bin == nullptr))) {
         std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
         return 1;

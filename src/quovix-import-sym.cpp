@@ -13,7 +13,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "quovix-grid.hpp"
 #include "quovix-import.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 
@@ -63,6 +65,7 @@ class FracBins {
         if (nb > max_bins) nb = max_bins;
         if (nb < 3) nb = 1;  // with fewer than three bins the neighbours would repeat
         nb_ = nb;
+        grid_ = quovix_grid(nb_, nb_, nb_);
         start_.assign(static_cast<std::size_t>(nb_ * nb_ * nb_) + 1, 0);
         std::vector<long> key(static_cast<std::size_t>(total));
         for (long i = 0; i < total; ++i) {
@@ -88,7 +91,7 @@ class FracBins {
         for (int dx = -reach; dx <= reach; ++dx) {
             for (int dy = -reach; dy <= reach; ++dy) {
                 for (int dz = -reach; dz <= reach; ++dz) {
-                    const long b = flat(wrap(c[0] + dx), wrap(c[1] + dy), wrap(c[2] + dz));
+                    const long b = grid_.flat(c[0] + dx, c[1] + dy, c[2] + dz);
                     for (long t = start_[static_cast<std::size_t>(b)];
                          t < start_[static_cast<std::size_t>(b) + 1]; ++t) {
                         f(index_[static_cast<std::size_t>(t)]);
@@ -107,13 +110,12 @@ class FracBins {
         if (b < 0) b = 0;
         return b;
     }
-    long wrap(long b) const { return (b % nb_ + nb_) % nb_; }
-    long flat(long i, long j, long k) const { return (i * nb_ + j) * nb_ + k; }
     long bin_of(const double x[3]) const {
-        return flat(axis_bin(x[0]), axis_bin(x[1]), axis_bin(x[2]));
+        return grid_.flat_inside(axis_bin(x[0]), axis_bin(x[1]), axis_bin(x[2]));
     }
 
     long nb_ = 1;
+    quovix_grid grid_;  // nb_ bins per axis, periodic
     std::vector<long> start_;
     std::vector<long> index_;
 };
@@ -602,7 +604,7 @@ void clear_marks(QUOVIX_CELL *cell) {
     for (long i = 0; i < cell->total; ++i) cell->atom[i].ignored = false;
 }
 
-QUOVIX_CELL *reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, bool fast) {
+QUOVIX_CELL *reduce_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry, bool fast) {
     if (!cell_has_atoms(cell) || !symmetry_has_cards(symmetry)) {
         std::fputs("Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n",
                    stderr);
@@ -660,7 +662,7 @@ QUOVIX_CELL *reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, bo
     });
 }
 
-int flag_site_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, bool fast) {
+int flag_site_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry, bool fast) {
     if (!cell_has_atoms(cell) || !symmetry_has_cards(symmetry)) {
         std::fputs("Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n",
                    stderr);
@@ -701,7 +703,7 @@ bool validate_partner(const QUOVIX_ATOM &src, const QUOVIX_ATOM &cand, const dou
            std::fabs(cand.occ - src.occ) < kValidateOcc && distance3(p, cand.x) < tolerance;
 }
 
-bool validate_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry, double tolerance,
+bool validate_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry, double tolerance,
                           bool fast) {
     if (cell == nullptr || symmetry == nullptr) {
         std::fputs("Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n",
@@ -1019,7 +1021,7 @@ void quovix_card_transform_vector3_long(long out[3], const long in[3], const lon
         long v = card->r_i[k][0] * in[0] + card->r_i[k][1] * in[1] + card->r_i[k][2] * in[2] +
                  card->t_i[k];
         // Same as subtracting n while v >= n and adding n while v < 0.
-        if (n[k] > 0) v = ((v % n[k]) + n[k]) % n[k];
+        if (n[k] > 0) v = quovix_grid::wrap(v, n[k]);
         res[k] = v;
     }
     for (int k = 0; k < 3; ++k) out[k] = res[k];
@@ -1035,7 +1037,8 @@ QUOVIX_ATOM quovix_atom_spawn_by_card(const QUOVIX_ATOM *atom, const QUOVIX_CARD
 /// Expands atoms by every card (atom i, card k goes to position i*total+k), removes
 /// duplicates (the first occurrence survives) and sorts; *atom is replaced (the old array
 /// is freed) and *total updated. 1 with a message on failure, the input left untouched.
-int quovix_atom_spawn_by_symmetry(QUOVIX_ATOM **atom, long *total, QUOVIX_SYMMETRY *symmetry) {
+int quovix_atom_spawn_by_symmetry(QUOVIX_ATOM **atom, long *total,
+                                  const QUOVIX_SYMMETRY *symmetry) {
     if (atom == nullptr || *atom == nullptr || total == nullptr || *total < 1) {
         std::fputs("Error: QUOVIX_ATOM has not been properly initialized.\n", stderr);
         return 1;
@@ -1162,22 +1165,23 @@ int quovix_atom_name_compare(const char *a, const char *b) {
 /// New cell with one atom per orbit: an atom equal to the image of an earlier kept atom
 /// under some card is dropped. Null (with a message) for a cell without atoms or a
 /// symmetry without cards. The input cell is not changed.
-QUOVIX_CELL *quovix_cell_reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+QUOVIX_CELL *quovix_cell_reduce_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry) {
     return reduce_by_symmetry(cell, symmetry, true);
 }
 
 /// Reference version of quovix_cell_reduce_by_symmetry (all pairs).
-QUOVIX_CELL *quovix_cell_reduce_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+QUOVIX_CELL *quovix_cell_reduce_by_symmetry_plain(QUOVIX_CELL *cell,
+                                                  const QUOVIX_SYMMETRY *symmetry) {
     return reduce_by_symmetry(cell, symmetry, false);
 }
 
 /// Numbers the orbits in each atom's `flag` (from 1, in order of first appearance).
-int quovix_cell_flag_site_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+int quovix_cell_flag_site_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry) {
     return flag_site_by_symmetry(cell, symmetry, true);
 }
 
 /// Reference version of quovix_cell_flag_site_by_symmetry (all pairs).
-int quovix_cell_flag_site_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry) {
+int quovix_cell_flag_site_by_symmetry_plain(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry) {
     return flag_site_by_symmetry(cell, symmetry, false);
 }
 
@@ -1186,13 +1190,13 @@ int quovix_cell_flag_site_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *
 /// within 0.0005, whose stored position is closer than `tolerance` (A; <= 0 means 0.01),
 /// without periodic images. The first such partner and the atom are marked in `ignored`;
 /// on failure all marks are cleared, on success the marks of the last card are left.
-bool quovix_cell_validate_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
+bool quovix_cell_validate_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry,
                                       double tolerance) {
     return validate_by_symmetry(cell, symmetry, tolerance, true);
 }
 
 /// Reference version of quovix_cell_validate_by_symmetry (all pairs).
-bool quovix_cell_validate_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
+bool quovix_cell_validate_by_symmetry_plain(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry,
                                             double tolerance) {
     return validate_by_symmetry(cell, symmetry, tolerance, false);
 }

@@ -80,30 +80,19 @@ void quovix_card_transform_vector3_long(long out[3], const long in[3], const lon
                                         const QUOVIX_CARD *card);
 QUOVIX_ATOM quovix_atom_spawn_by_card(const QUOVIX_ATOM *atom, const QUOVIX_CARD *card);
 /// Expands atoms by every card, removes duplicates and sorts; may replace *atom.
-int quovix_atom_spawn_by_symmetry(QUOVIX_ATOM **atom, long *total, QUOVIX_SYMMETRY *symmetry);
+int quovix_atom_spawn_by_symmetry(QUOVIX_ATOM **atom, long *total, const QUOVIX_SYMMETRY *symmetry);
 int quovix_atom_remove_duplicate(QUOVIX_ATOM **atom, long *total);
 bool quovix_atom_equal(const QUOVIX_ATOM *a, const QUOVIX_ATOM *b);
 bool quovix_atom_belong(const QUOVIX_ATOM *atom, const QUOVIX_ATOM *atoms, long total);
 void quovix_atom_sort(QUOVIX_ATOM *atom, long total);
 int quovix_atom_name_compare(const char *a, const char *b);
-QUOVIX_CELL *quovix_cell_reduce_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
-int quovix_cell_flag_site_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
-bool quovix_cell_validate_by_symmetry(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
+QUOVIX_CELL *quovix_cell_reduce_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry);
+int quovix_cell_flag_site_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry);
+bool quovix_cell_validate_by_symmetry(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry,
                                       double tolerance);
 /// Largest atom array built from input (symmetry expansion, supercells): about 120 MB of
 /// atoms; larger requests fail with a message instead of exhausting memory.
 inline constexpr long QUOVIX_MAX_ATOMS = 1000000;
-// Reference versions of the partner searches and of the sort: plain all-pairs scans with
-// the same tolerances and the same first-come order as the shipped (binned) versions, which
-// must give identical results. Used by the tests and the benchmarks.
-int quovix_atom_remove_duplicate_plain(QUOVIX_ATOM **atom, long *total);
-void quovix_atom_sort_plain(QUOVIX_ATOM *atom, long total);
-QUOVIX_CELL *quovix_cell_reduce_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
-int quovix_cell_flag_site_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
-bool quovix_cell_validate_by_symmetry_plain(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
-                                            double tolerance);
-QUOVIX_SYMMETRY *quovix_symmetry_calculate_from_cell_plain(QUOVIX_CELL *cell, double tolerance,
-                                                           const char *dir_symcards);
 
 // ======================================================================
 // Cell operations and CIF writer (quovix-import-cell.cpp)
@@ -114,33 +103,33 @@ void quovix_cell_update_coordinate_cartesion(QUOVIX_CELL *cell);
 void quovix_cell_update_coordinate_fractional(QUOVIX_CELL *cell);
 void quovix_cell_update_cartesion(QUOVIX_CELL *cell);
 void quovix_cell_update_fractional(QUOVIX_CELL *cell);
-double quovix_cell_calculate_volume(QUOVIX_CELL *cell);
+double quovix_cell_calculate_volume(const QUOVIX_CELL *cell);
 void quovix_cell_bound_fractional(QUOVIX_CELL *cell);
-double quovix_cell_min_distance_btw_atoms(QUOVIX_CELL *cell, const QUOVIX_ATOM *atom1,
+double quovix_cell_min_distance_btw_atoms(const QUOVIX_CELL *cell, const QUOVIX_ATOM *atom1,
                                           const QUOVIX_ATOM *atom2);
 void quovix_cell_update_name(QUOVIX_CELL *cell);
 void quovix_cell_refresh(QUOVIX_CELL *cell);
-int quovix_cell_count_type_os(QUOVIX_CELL *cell);
-QUOVIX_CELL *quovix_cell_supercell(QUOVIX_CELL *cell, const long multiple[3]);
-QUOVIX_CELL *quovix_cell_supercell_default(QUOVIX_CELL *cell);
+int quovix_cell_count_type_os(const QUOVIX_CELL *cell);
+QUOVIX_CELL *quovix_cell_supercell(const QUOVIX_CELL *cell, const long multiple[3]);
+QUOVIX_CELL *quovix_cell_supercell_default(const QUOVIX_CELL *cell);
 /// Deforms the cell by (I + strain): lattice rows a_k <- a_k (I + strain), atoms follow
 /// their fractional coordinates; parameters and angles are updated. 0 on success.
 int quovix_cell_deform(QUOVIX_CELL *cell, const double strain[3][3]);
-bool quovix_cell_partial_occ_at_conducting_site(QUOVIX_CELL *cell, const char *type, int os);
+bool quovix_cell_partial_occ_at_conducting_site(const QUOVIX_CELL *cell, const char *type, int os);
 QUOVIX_CELL *quovix_cell_assign_partial_occ(QUOVIX_CELL *cell, const char *type, int os);
-QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(QUOVIX_CELL *cell, const char *type,
-                                                               int os);
-QUOVIX_CELL *quovix_cell_assign_partial_occ_all(QUOVIX_CELL *cell);
-QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry);
+QUOVIX_CELL *quovix_cell_assign_partial_occ_at_conducting_site(const QUOVIX_CELL *cell,
+                                                               const char *type, int os);
+QUOVIX_CELL *quovix_cell_assign_partial_occ_all(const QUOVIX_CELL *cell);
+QUOVIX_TEXT *quovix_cell_export_cif_to_text(QUOVIX_CELL *cell, const QUOVIX_SYMMETRY *symmetry);
 int quovix_cell_export_cif_to_file(const char *filename, QUOVIX_CELL *cell,
-                                   QUOVIX_SYMMETRY *symmetry);
+                                   const QUOVIX_SYMMETRY *symmetry);
 
 // ======================================================================
 // Parameter sets (quovix-import-ppt.cpp)
 // ======================================================================
-int quovix_property_update_index_by_cell(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell);
+int quovix_property_update_index_by_cell(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell);
 int quovix_property_append_index(QUOVIX_PROPERTY *ppt, const char *type, int os);
-int quovix_property_update_read_from_file(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell,
+int quovix_property_update_read_from_file(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell,
                                           const char *dir_unitary, const char *dir_binary);
 int quovix_property_unitary_read_from_file(QUOVIX_PROPERTY_UNITARY *uni, const char *type, int os,
                                            const char *dir_unitary);
@@ -150,14 +139,14 @@ double quovix_property_hardness_read_from_file(const char *type, int os, const c
 int quovix_property_type_from_atomic_number(int an, QUOVIX_ATOM *atom, const char *path);
 int quovix_property_estimate(QUOVIX_PROPERTY *ppt, const char *dir_unitary, const char *dir_binary);
 int quovix_property_binary_estimate_from_file(QUOVIX_PROPERTY_BINARY *bin, const char *dir_binary);
-int quovix_property_calculate_effective_b(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell);
+int quovix_property_calculate_effective_b(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell);
 int quovix_property_unitary_derived(QUOVIX_PROPERTY *ppt);
 int quovix_property_binary_derived(QUOVIX_PROPERTY *ppt);
-int quovix_property_calculate_fractional_charge(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell);
+int quovix_property_calculate_fractional_charge(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell);
 int quovix_property_binary_pseudopotential(QUOVIX_PROPERTY *ppt);
-int quovix_property_calculate_type_count(QUOVIX_PROPERTY *ppt, QUOVIX_CELL *cell);
+int quovix_property_calculate_type_count(QUOVIX_PROPERTY *ppt, const QUOVIX_CELL *cell);
 int quovix_property_calculate_unitary_eam_parameter(QUOVIX_PROPERTY *ppt);
-int quovix_property_validate_generic(QUOVIX_PROPERTY *ppt);
+int quovix_property_validate_generic(const QUOVIX_PROPERTY *ppt);
 /// A pair parameter that must be positive, with the name its error line shows.
 struct quovix_pair_check {
     const char *name;
@@ -169,7 +158,7 @@ struct quovix_pair_check {
 /// pass. `os` and `bin` must be allocated for `total` species.
 int quovix_property_validate_pairs(const QUOVIX_PROPERTY *ppt,
                                    std::span<const quovix_pair_check> checks);
-int quovix_property_find_index(QUOVIX_PROPERTY *ppt, const char *type, int os);
+int quovix_property_find_index(const QUOVIX_PROPERTY *ppt, const char *type, int os);
 
 // ======================================================================
 // Parameter set of a cell with its screening-factor fit (quovix-import-ppt-build.cpp)

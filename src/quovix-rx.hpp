@@ -17,6 +17,3 @@ double quovix_cell_calculate_total_energy_eam(QUOVIX_CELL *cell, QUOVIX_PROPERTY
 /// Cartesian forces -dE/dx (eV/A) of the total energy with embedding, force[i][0..2]
 /// for atom i (array of cell->total rows); 0 on success.
 int quovix_cell_calculate_force(double **force, QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt);
-/// Interatomic energy in eV by the plain loop over all atom pairs and all lattice images
-/// (single thread); the reference of quovix_cell_calculate_total_energy.
-double quovix_cell_calculate_total_energy_reference(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt);

@@ -3,7 +3,8 @@
 
 Reads the defined and undefined symbols of every member of the static library with `nm`
 and fails when an object calls a function defined in a higher layer. Calls within one
-layer are allowed. Every object must belong to a layer: a new source file gets its place in LAYERS.
+layer are allowed, but no two objects may call each other, directly or through others.
+Every object must belong to a layer: a new source file gets its place in LAYERS.
 
 Usage: check_layers.py <nm> <libquovix_core.a>
 """
@@ -30,7 +31,9 @@ LAYERS = [
     ("simulation and export",
      ["quovix-kmc", "quovix-kmc-*", "quovix-md", "quovix-md-*", "quovix-cn", "quovix-cn-*",
       "quovix-gin", "quovix-gin-*", "quovix-os"]),
-    ("commands", ["quovix-cmd", "quovix-cmd-*"]),
+    ("command helpers", ["quovix-cmd"]),
+    ("command handlers", ["quovix-cmd-*"]),
+    ("command table", ["quovix-cmd-table"]),
 ]
 
 STRONG = set("TDBR")  # weak (W, V) and unique (u) symbols are inline copies, not calls
@@ -93,6 +96,24 @@ def main():
             if rank.get(obj) is not None and rank.get(dst) is not None and rank[dst] > rank[obj]:
                 faults.append(f"{obj} ({LAYERS[rank[obj]][0]}) calls up into {dst} "
                               f"({LAYERS[rank[dst]][0]}): {demangle(sym)}")
+
+    # Loops inside a layer: depth-first search for an edge back onto the current path.
+    state, path = {}, []
+
+    def visit(node):
+        state[node] = 1
+        path.append(node)
+        for nxt in sorted(edges.get(node, {})):
+            if state.get(nxt) == 1:
+                faults.append("loop: " + " -> ".join(path[path.index(nxt):] + [nxt]))
+            elif nxt not in state:
+                visit(nxt)
+        path.pop()
+        state[node] = 2
+
+    for obj in sorted(defined):
+        if obj not in state:
+            visit(obj)
 
     for f in faults:
         print(f)

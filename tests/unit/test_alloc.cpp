@@ -40,31 +40,6 @@ std::string read_file(const std::string &path) {
 
 }  // namespace
 
-// ------------------------------------------------------------------ text buffer
-
-TEST(TextBuffer, GrowsInWholeBlocksLeavingRoomForTheTerminator) {
-    struct Case {
-        size_t n;
-        long allocated;
-    };
-    for (Case c : {Case{1023, 1024}, Case{1024, 2048}, Case{2047, 3072}, Case{2048, 3072}}) {
-        const std::string s(c.n, 'x');
-        quovix_text_ptr text{quovix_text_new(s.c_str())};
-        ASSERT_TRUE(text);
-        EXPECT_EQ(text->length, static_cast<long>(c.n)) << c.n;
-        EXPECT_EQ(text->allocated, c.allocated) << c.n;
-        EXPECT_EQ(std::string(text->content), s);
-    }
-    // Growing step by step: the 1024th character forces the second block.
-    quovix_text_ptr text{quovix_text_new(std::string(1023, 'a').c_str())};
-    ASSERT_TRUE(text);
-    ASSERT_EQ(quovix_text_append(text.get(), "b"), 0);
-    EXPECT_EQ(text->allocated, 2048);
-    EXPECT_EQ(text->length, 1024);
-    EXPECT_EQ(text->content[1023], 'b');
-    EXPECT_EQ(text->content[1024], '\0');
-}
-
 TEST(TextBuffer, NullArgumentsAndCatAndDump) {
     quovix_text_ptr text{quovix_text_new(nullptr)};
     ASSERT_TRUE(text);
@@ -346,36 +321,6 @@ TEST(Arrays, ZeroFilledAndRejectNonPositiveSizes) {
     ASSERT_NE(flags, nullptr);
     EXPECT_FALSE(flags[4]);
     quovix_array_bool_1D_free(flags);
-}
-
-TEST(Arrays, PrintFormats) {
-    double **m = quovix_array_double_2D_new(2, 2);
-    ASSERT_NE(m, nullptr);
-    m[0][1] = 1.23456;
-    m[1][0] = -2.0;
-    char ***s = quovix_array_char_3D_new(3, 2, 4);
-    ASSERT_NE(s, nullptr);
-    std::strcpy(s[0][0], "ab");
-    std::strcpy(s[0][1], "c");
-    std::free(s[1][1]);
-    s[1][1] = nullptr;
-    quovix_array_char_2D_free(s[2], 2);
-    s[2] = nullptr;
-    CaptureStdout();
-    quovix_array_double_2D_print(m, 2, 2);
-    quovix_array_double_1D_print(nullptr, 3);
-    quovix_array_char_3D_print(s, 3, 2);
-    quovix_array_char_2D_print(s[0], 2);
-    EXPECT_EQ(GetCapturedStdout(),
-              " 0.000 1.235\n"
-              " -2.000 0.000\n"
-              "(not allocated)\n"
-              "|ab||c|\n"
-              "|||(not allocated)|\n"  // an empty string, then a null one
-              "(not allocated)\n"
-              "ab\nc\n");
-    quovix_array_double_2D_free(m, 2);
-    quovix_array_char_3D_free(s, 3, 2);
 }
 
 // An os of INT_MIN (the word 2147483648 read with "%d") has no magnitude in int: printing it

@@ -11,6 +11,7 @@
 #include "quovix-alloc.hpp"
 #include "quovix-bv.hpp"
 #include "quovix-import.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 
@@ -169,6 +170,26 @@ TEST(BvSum, OverlapWarnsOnlyWhenTheOccupanciesCannotShareThePlace) {
         ASSERT_TRUE(wide);
         EXPECT_GT(wide->sum[na], bv->sum[na]);  // more shells within 12 A
     }
+}
+
+// Contacts from 0.2 A on are bonds, closer ones are not: a Cl at 0.19 A adds nothing to the
+// Na sum, one at 0.21 A adds its (huge) valence. Half occupancies keep the overlap quiet.
+TEST(BvSum, ContactsCountFromTwoTenthsOfAnAngstrom) {
+    const double a = 5.62;
+    const QUOVIX_PROPERTY_BINARY p = pair_data("Na", 1, "Cl", -1);
+    double sum[2] = {0.0, 0.0};
+    for (int k = 0; k < 2; ++k) {
+        const double d = k == 0 ? 0.19 : 0.21;
+        auto cell =
+            make_flagged_cell(a, {{"Na", 1, 0.0, 0.0, 0.0, 0.5}, {"Cl", -1, d / a, 0.0, 0.0, 0.5}});
+        auto ppt = property_of(cell.get());
+        ASSERT_TRUE(ppt);
+        quovix_bv_ptr bv{quovix_bv_calculate_from_flagged_cell(cell.get(), ppt.get())};
+        ASSERT_TRUE(bv);
+        sum[k] = bv->sum[quovix_bv_find_index(bv.get(), "Na1")];
+    }
+    // The images of the Cl move by 0.02 A too, which changes the rest of the sum by ~1e-5.
+    EXPECT_NEAR(sum[1] - sum[0], 0.5 * std::exp((p.r0 - 0.21) / p.b), 1e-3);
 }
 
 TEST(BvSum, ZeroOxidationStateIsSkippedInSumsButWeighsInTheGii) {

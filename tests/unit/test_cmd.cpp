@@ -195,3 +195,12 @@ TEST(ReadCif, OwnsBothRecordsOrPrintsTheChain) {
     EXPECT_FALSE(cell);
     EXPECT_FALSE(sym);
 }
+
+TEST(CommandTable, EveryOptionIsFoundAtItsOwnRow) {
+    // A repeated option would leave its second row unreachable.
+    for (const quovix_command &c : quovix_cmd_table()) {
+        ASSERT_NE(c.handler, nullptr) << c.option;
+        EXPECT_EQ(quovix_cmd_find(c.option), &c) << c.option;
+    }
+    EXPECT_EQ(quovix_cmd_find("--no-such-command"), nullptr);
+}

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "import_test_helpers.hpp"
+#include "quovix-reference.hpp"
 #include "temp_dir.hpp"
 
 using namespace test_import;

@@ -13,6 +13,7 @@
 #include "import_test_helpers.hpp"
 #include "quovix-alloc.hpp"
 #include "quovix-import.hpp"
+#include "quovix-reference.hpp"
 #include "quovix-rx.hpp"
 
 namespace {
