@@ -166,9 +166,10 @@ TEST(MdForces, ListsMatchPlainLoopAlongTrajectoryForAnyThreadCount) {
             // The forces alone (each contact between free ions evaluated once).
             ASSERT_NE(quovix_md_calculate_force(md.get()), nullptr);
             double scale = 0.0, diff = 0.0;
+            const double *f_flat = &md->f[0][0];  // n rows of 3, contiguous
             for (long q = 0; q < 3 * n; ++q) {
                 scale = std::max(scale, std::fabs(fp[q]));
-                diff = std::max({diff, std::fabs(ff[q] - fp[q]), std::fabs(md->f[0][q] - fp[q])});
+                diff = std::max({diff, std::fabs(ff[q] - fp[q]), std::fabs(f_flat[q] - fp[q])});
             }
             worst = std::max(worst, diff / scale);
         }
