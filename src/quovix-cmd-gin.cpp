@@ -16,22 +16,6 @@ constexpr double default_temperature = 300.0;  // K
 constexpr double default_production = 10.0;    // ps
 constexpr double default_equilibration = 1.0;  // ps
 
-const char *const sf_line =
-    "Command: {sf}: screening factor. If set to non-positive value, automatic calculation is "
-    "triggered. Default -0.1.\n";
-
-// Optional screening factor at word i: absent or non-positive means fitted; a value that is
-// not a number, or above 10, is refused.
-bool read_sf(const quovix_args &args, std::size_t i, double &sf) {
-    sf = -0.1;
-    if (!args.has(i)) return true;
-    if (!args.read_double(i, sf) || std::isnan(sf) || sf > 10.0) {
-        std::fputs("Error: wrong parameter sf.\n", stderr);
-        return false;
-    }
-    return true;
-}
-
 // Cell with its sites flagged, and its parameter set (sf fitted when not positive).
 bool load(const QUOVIX_CMD_OPT *opt, const char *path, double sf, quovix_cell_ptr &cell,
           quovix_property_ptr &ppt) {
@@ -66,7 +50,7 @@ void gen_library(QUOVIX_CMD_OPT *opt, bool eam) {
         print_lines(
             {eam ? "Command: --gen-gin-eam [input.cif] | {sf} {output_name}\n\n"
                  : "Command: --gen-gin-lib [input.cif] | {sf} {output_name}\n\n",
-             sf_line,
+             QUOVIX_CMD_SF_HELP,
              "Command: {output_name}: the name of the output file. If omitted, the input name "
              "with \".lib\" in place of its extension will be used.\n",
              eam ? "Command: generates an embedded-atom method forcefield file in .lib format "
@@ -80,7 +64,7 @@ void gen_library(QUOVIX_CMD_OPT *opt, bool eam) {
         return;
     }
     double sf = 0.0;
-    if (!read_sf(args, 1, sf)) return;
+    if (!quovix_cmd_read_sf(args, 1, sf)) return;
     char filename[QUOVIX_PATH_LEN];
     if (args.has(2))
         std::snprintf(filename, sizeof filename, "%s", args.c_str(2));
@@ -169,7 +153,7 @@ void quovix_cmd_opt_do_gen_gin(QUOVIX_CMD_OPT *opt) {
             {"Command: --gen-gin [input.cif] [type] [os] | {sf} {temperature} {time} "
              "{output_name}\n\n",
              "Command: [type] the element type of conducting ion, two characters.\n",
-             "Command: [os] the oxidation state of conducting ion, integer.\n", sf_line,
+             "Command: [os] the oxidation state of conducting ion, integer.\n", QUOVIX_CMD_SF_HELP,
              "Command: {temperature}: in K. Set to non-positive to use the default. Default "
              "300.\n",
              "Command: {time}: production time in ps, after 1 ps of equilibration. Set to "
@@ -194,7 +178,7 @@ void quovix_cmd_opt_do_gen_gin(QUOVIX_CMD_OPT *opt) {
         return;
     }
     double sf = 0.0, temperature = default_temperature, production = default_production;
-    if (!read_sf(args, 3, sf)) return;
+    if (!quovix_cmd_read_sf(args, 3, sf)) return;
     if (args.has(4) && (!args.read_double(4, temperature) || !(temperature <= 1e5))) {
         std::fputs("Error: wrong parameter temperature.\n", stderr);
         return;

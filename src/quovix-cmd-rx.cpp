@@ -22,20 +22,6 @@ constexpr double sd_max_move = 0.05;    // A
 constexpr double neb_force_tol = 0.02;  // eV/A
 constexpr double neb_spring = 5.0;      // eV/A^2
 
-const char *const sf_line =
-    "Command: {sf}: screening factor. If set to non-positive value, automatic calculation is "
-    "triggered. Default -0.1.\n";
-
-bool read_sf(const quovix_args &args, std::size_t i, double &sf) {
-    sf = -0.1;
-    if (!args.has(i)) return true;
-    if (!args.read_double(i, sf) || std::isnan(sf) || sf > 10.0) {
-        std::fputs("Error: wrong parameter sf.\n", stderr);
-        return false;
-    }
-    return true;
-}
-
 // Optional count at word i in [1, max]; non-positive or absent means the default.
 bool read_count(const quovix_args &args, std::size_t i, long max, long &value, const char *what) {
     if (!args.has(i)) return true;
@@ -168,7 +154,7 @@ void quovix_cmd_opt_do_rx_sd(QUOVIX_CMD_OPT *opt) {
     if (args.count() < 1) {
         print_lines(
             {"Command: --rx-sd [input.cif] | {sf} {steps} {flag:relax_lattice} {output_name}\n\n",
-             sf_line,
+             QUOVIX_CMD_SF_HELP,
              "Command: {steps}: largest number of steps. Set to non-positive to use the default. "
              "Default 200.\n",
              "Command: {flag:relax_lattice}: if set to true, the lattice relaxes too, along its "
@@ -185,7 +171,7 @@ void quovix_cmd_opt_do_rx_sd(QUOVIX_CMD_OPT *opt) {
     double sf = 0.0;
     long steps = default_sd_steps;
     bool lattice = false;
-    if (!read_sf(args, 1, sf) || !read_count(args, 2, max_steps, steps, "steps")) return;
+    if (!quovix_cmd_read_sf(args, 1, sf) || !read_count(args, 2, max_steps, steps, "steps")) return;
     args.read_flag(3, lattice);
     char filename[QUOVIX_PATH_LEN];
     if (args.has(4))
@@ -231,7 +217,7 @@ void quovix_cmd_opt_do_rx_neb(QUOVIX_CMD_OPT *opt) {
              "_atom_site_quovix_fixed of start.cif, stay in place.\n",
              "Command: {images}: images between the ends. Set to non-positive to use the "
              "default. Default 7.\n",
-             sf_line, "Command: {steps}: largest number of steps. Default 500.\n",
+             QUOVIX_CMD_SF_HELP, "Command: {steps}: largest number of steps. Default 500.\n",
              "Command: perform a simple nudged elastic bend calculation with input of two end "
              "images: climbing image on the interatomic energy; writes start.neb.<i>.cif and "
              "the energy profile start.neb.csv.\n",
@@ -243,7 +229,7 @@ void quovix_cmd_opt_do_rx_neb(QUOVIX_CMD_OPT *opt) {
     if (!read_type_os(args, 2, type, os)) return;
     long images = default_images, steps = default_neb_steps;
     double sf = 0.0;
-    if (!read_count(args, 4, max_images, images, "images") || !read_sf(args, 5, sf) ||
+    if (!read_count(args, 4, max_images, images, "images") || !quovix_cmd_read_sf(args, 5, sf) ||
         !read_count(args, 6, max_steps, steps, "steps"))
         return;
     std::vector<quovix_cell_ptr> cells(2);
@@ -263,7 +249,7 @@ void quovix_cmd_opt_do_rx_neb_images(QUOVIX_CMD_OPT *opt) {
         print_lines({"Command: --rx-neb-images [prefix] [count] [type] [os] | {sf} {steps}\n\n",
                      "Command: [prefix] [count]: the images prefix.0.cif ... prefix.<count-1>.cif "
                      "(at least 3), same atoms in the same order.\n",
-                     "Command: [type] [os]: the moving ions.\n", sf_line,
+                     "Command: [type] [os]: the moving ions.\n", QUOVIX_CMD_SF_HELP,
                      "Command: {steps}: largest number of steps. Default 500.\n",
                      "Command: nudged elastic band from a series of images; writes "
                      "prefix.neb.<i>.cif and prefix.neb.csv.\n",
@@ -280,7 +266,7 @@ void quovix_cmd_opt_do_rx_neb_images(QUOVIX_CMD_OPT *opt) {
     if (!read_type_os(args, 2, type, os)) return;
     double sf = 0.0;
     long steps = default_neb_steps;
-    if (!read_sf(args, 4, sf) || !read_count(args, 5, max_steps, steps, "steps")) return;
+    if (!quovix_cmd_read_sf(args, 4, sf) || !read_count(args, 5, max_steps, steps, "steps")) return;
     QUOVIX_CELL **raw = quovix_cells_import_cif_from_file(args.c_str(0), static_cast<int>(count),
                                                           opt->dir_symcards, opt->dir_unitary);
     if (!raw) {

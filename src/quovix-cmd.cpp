@@ -290,6 +290,16 @@ bool quovix_cmd_read_cif(const QUOVIX_CMD_OPT *opt, const char *path, quovix_cel
     return true;
 }
 
+bool quovix_cmd_read_sf(const quovix_args &args, std::size_t i, double &sf) {
+    sf = -0.1;
+    if (!args.has(i)) return true;
+    if (!args.read_double(i, sf) || std::isnan(sf) || sf > 10.0) {
+        std::fputs("Error: wrong parameter sf.\n", stderr);
+        return false;
+    }
+    return true;
+}
+
 void quovix_cmd_print_lines(std::initializer_list<const char *> lines) {
     for (const char *line : lines) std::fputs(line, stdout);
 }

@@ -66,6 +66,13 @@ void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input, c
 /// The one way to print a usage block ("Command: ..." and "Example: ..." lines): each line as
 /// given (the lines carry their own line ends), on standard output.
 void quovix_cmd_print_lines(std::initializer_list<const char *> lines);
+/// Usage line of an optional screening factor (absent or non-positive: fitted).
+inline constexpr const char *QUOVIX_CMD_SF_HELP =
+    "Command: {sf}: screening factor. If set to non-positive value, automatic calculation is "
+    "triggered. Default -0.1.\n";
+/// Optional screening factor at word i: -0.1 (fitted) when absent; a word that is not a number,
+/// NaN or above 10 prints "Error: wrong parameter sf." and gives false.
+[[nodiscard]] bool quovix_cmd_read_sf(const quovix_args &args, std::size_t i, double &sf);
 
 /// One row of the command table (quovix-cmd-table.cpp).
 struct quovix_command {
