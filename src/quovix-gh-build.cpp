@@ -34,15 +34,7 @@ bool same_species(const QUOVIX_ATOM &at, const char *type, int os) {
 bool lattice_inverse(double inv[3][3], const double m[3][3]) {
     const double det = quovix_matrix33_double_determinant(m);
     if (!(std::fabs(det) > 0.0) || !std::isfinite(det)) return false;
-    inv[0][0] = (m[1][1] * m[2][2] - m[1][2] * m[2][1]) / det;
-    inv[0][1] = (m[0][2] * m[2][1] - m[0][1] * m[2][2]) / det;
-    inv[0][2] = (m[0][1] * m[1][2] - m[0][2] * m[1][1]) / det;
-    inv[1][0] = (m[1][2] * m[2][0] - m[1][0] * m[2][2]) / det;
-    inv[1][1] = (m[0][0] * m[2][2] - m[0][2] * m[2][0]) / det;
-    inv[1][2] = (m[0][2] * m[1][0] - m[0][0] * m[1][2]) / det;
-    inv[2][0] = (m[1][0] * m[2][1] - m[1][1] * m[2][0]) / det;
-    inv[2][1] = (m[0][1] * m[2][0] - m[0][0] * m[2][1]) / det;
-    inv[2][2] = (m[0][0] * m[1][1] - m[0][1] * m[1][0]) / det;
+    quovix_matrix33_double_inverse_cofactor(inv, m, det);
     return true;
 }
 

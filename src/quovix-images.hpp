@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "quovix-la.hpp"
 #include "quovix.hpp"
 
 namespace quovix_images {
@@ -37,15 +38,7 @@ struct frame {
         std::fputs("Error: lattice vectors of QUOVIX_CELL are degenerate.\n", stderr);
         return false;
     }
-    f.inv[0][0] = (a[1][1] * a[2][2] - a[1][2] * a[2][1]) / det;
-    f.inv[0][1] = (a[0][2] * a[2][1] - a[0][1] * a[2][2]) / det;
-    f.inv[0][2] = (a[0][1] * a[1][2] - a[0][2] * a[1][1]) / det;
-    f.inv[1][0] = (a[1][2] * a[2][0] - a[1][0] * a[2][2]) / det;
-    f.inv[1][1] = (a[0][0] * a[2][2] - a[0][2] * a[2][0]) / det;
-    f.inv[1][2] = (a[0][2] * a[1][0] - a[0][0] * a[1][2]) / det;
-    f.inv[2][0] = (a[1][0] * a[2][1] - a[1][1] * a[2][0]) / det;
-    f.inv[2][1] = (a[0][1] * a[2][0] - a[0][0] * a[2][1]) / det;
-    f.inv[2][2] = (a[0][0] * a[1][1] - a[0][1] * a[1][0]) / det;
+    quovix_matrix33_double_inverse_cofactor(f.inv, a, det);
     for (int m = 0; m < 3; ++m) {
         f.g[m] = std::sqrt(f.inv[0][m] * f.inv[0][m] + f.inv[1][m] * f.inv[1][m] +
                            f.inv[2][m] * f.inv[2][m]);

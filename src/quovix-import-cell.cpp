@@ -162,15 +162,7 @@ void quovix_cell_update_coordinate_fractional(QUOVIX_CELL *cell) {
                        m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
     if (!(std::fabs(det) > 0.0) || !std::isfinite(det)) return;
     double inv[3][3];
-    inv[0][0] = (m[1][1] * m[2][2] - m[1][2] * m[2][1]) / det;
-    inv[0][1] = (m[0][2] * m[2][1] - m[0][1] * m[2][2]) / det;
-    inv[0][2] = (m[0][1] * m[1][2] - m[0][2] * m[1][1]) / det;
-    inv[1][0] = (m[1][2] * m[2][0] - m[1][0] * m[2][2]) / det;
-    inv[1][1] = (m[0][0] * m[2][2] - m[0][2] * m[2][0]) / det;
-    inv[1][2] = (m[0][2] * m[1][0] - m[0][0] * m[1][2]) / det;
-    inv[2][0] = (m[1][0] * m[2][1] - m[1][1] * m[2][0]) / det;
-    inv[2][1] = (m[0][1] * m[2][0] - m[0][0] * m[2][1]) / det;
-    inv[2][2] = (m[0][0] * m[1][1] - m[0][1] * m[1][0]) / det;
+    quovix_matrix33_double_inverse_cofactor(inv, m, det);
     for (long i = 0; i < cell->total; ++i) {
         QUOVIX_ATOM &at = cell->atom[i];
         for (int k = 0; k < 3; ++k) {

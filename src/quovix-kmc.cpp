@@ -31,15 +31,7 @@ frame make_frame(const double a[3][3]) {
                        a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
     if (!(std::fabs(det) > 1e-12) || !std::isfinite(det)) return f;
     // x = s A with s a row of fractions, so s = x A^-1.
-    f.inv[0][0] = (a[1][1] * a[2][2] - a[1][2] * a[2][1]) / det;
-    f.inv[0][1] = (a[0][2] * a[2][1] - a[0][1] * a[2][2]) / det;
-    f.inv[0][2] = (a[0][1] * a[1][2] - a[0][2] * a[1][1]) / det;
-    f.inv[1][0] = (a[1][2] * a[2][0] - a[1][0] * a[2][2]) / det;
-    f.inv[1][1] = (a[0][0] * a[2][2] - a[0][2] * a[2][0]) / det;
-    f.inv[1][2] = (a[0][2] * a[1][0] - a[0][0] * a[1][2]) / det;
-    f.inv[2][0] = (a[1][0] * a[2][1] - a[1][1] * a[2][0]) / det;
-    f.inv[2][1] = (a[0][1] * a[2][0] - a[0][0] * a[2][1]) / det;
-    f.inv[2][2] = (a[0][0] * a[1][1] - a[0][1] * a[1][0]) / det;
+    quovix_matrix33_double_inverse_cofactor(f.inv, a, det);
     for (int k = 0; k < 3; ++k) {
         double c[3];
         quovix_vector3_double_cross(c, a[(k + 1) % 3], a[(k + 2) % 3]);

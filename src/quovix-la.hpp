@@ -26,6 +26,21 @@ void quovix_matrix33_double_print(const double A[3][3]);
 void quovix_matrix33_double_transpose(double A[3][3]);
 void quovix_matrix33_double_copy(double out[3][3], const double in[3][3]);
 double quovix_matrix33_double_determinant(const double A[3][3]);
+/// Inverse of A from its cofactors, each entry (cofactor) / det with `det` the caller's
+/// determinant of A (non-zero): the one formula behind every fractional-coordinate conversion,
+/// so that all of them give the same doubles.
+inline void quovix_matrix33_double_inverse_cofactor(double inv[3][3], const double A[3][3],
+                                                    double det) {
+    inv[0][0] = (A[1][1] * A[2][2] - A[1][2] * A[2][1]) / det;
+    inv[0][1] = (A[0][2] * A[2][1] - A[0][1] * A[2][2]) / det;
+    inv[0][2] = (A[0][1] * A[1][2] - A[0][2] * A[1][1]) / det;
+    inv[1][0] = (A[1][2] * A[2][0] - A[1][0] * A[2][2]) / det;
+    inv[1][1] = (A[0][0] * A[2][2] - A[0][2] * A[2][0]) / det;
+    inv[1][2] = (A[0][2] * A[1][0] - A[0][0] * A[1][2]) / det;
+    inv[2][0] = (A[1][0] * A[2][1] - A[1][1] * A[2][0]) / det;
+    inv[2][1] = (A[0][1] * A[2][0] - A[0][0] * A[2][1]) / det;
+    inv[2][2] = (A[0][0] * A[1][1] - A[0][1] * A[1][0]) / det;
+}
 void quovix_matrix33_double_swap_row(double A[3][3], int m, int n);
 void quovix_matrix33_double_swap_col(double A[3][3], int m, int n);
 void quovix_matrix33_double_multiplication(double out[3][3], const double in1[3][3],
