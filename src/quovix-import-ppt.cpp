@@ -31,13 +31,28 @@ bool same_species(const QUOVIX_ATOM &a, const QUOVIX_ATOM &b) {
     return same_type(a.type, b.type) && a.os == b.os;
 }
 
+// A data line of a parameter file with its key fields parsed once: the symbol and oxidation
+// state of a unitary line ("Z symbol os ..."), or both of a binary line ("type1 os1 type2 os2
+// ..."). A record is matched by comparing keys, and only a matching line is parsed in full, so
+// that a set of n species reads each file once instead of n^2 times.
+struct keyed_line {
+    std::string text;
+    std::string type1, type2;
+    int os1 = 0, os2 = 0;
+    bool keyed = false;  // the key fields were readable
+};
+
+enum class line_kind { unitary, binary };
+
 // Data lines of a parameter file: everything after the line containing "DATA_START" up to the
 // line containing "DATA_END" (excluded) or the end of the file. Lines are read as fgets
 // chunks of 1023 characters, so an overlong line is seen as several lines.
-[[nodiscard]] bool load_data_lines(const char *path, std::vector<std::string> &lines) {
+[[nodiscard]] bool load_data_lines(const char *path, line_kind kind,
+                                   std::vector<keyed_line> &lines) {
     quovix_file_ptr file{path ? std::fopen(path, "rb") : nullptr};
     if (!file) return false;
     char buf[line_buffer_size];
+    char t1[line_buffer_size], t2[line_buffer_size];
     bool started = false;
     while (std::fgets(buf, sizeof buf, file.get()) != nullptr) {
         if (!started) {
@@ -45,7 +60,19 @@ bool same_species(const QUOVIX_ATOM &a, const QUOVIX_ATOM &b) {
             continue;
         }
         if (std::strstr(buf, "DATA_END") != nullptr) break;
-        lines.emplace_back(buf);
+        keyed_line line;
+        line.text = buf;
+        if (kind == line_kind::unitary) {
+            line.keyed = std::sscanf(buf, "%*d %1023s %d", t1, &line.os1) == 2;
+            if (line.keyed) line.type1 = t1;
+        } else {
+            line.keyed = std::sscanf(buf, "%1023s %d %1023s %d", t1, &line.os1, t2, &line.os2) == 4;
+            if (line.keyed) {
+                line.type1 = t1;
+                line.type2 = t2;
+            }
+        }
+        lines.push_back(std::move(line));
     }
     return true;
 }
@@ -113,27 +140,30 @@ match_result match_binary(QUOVIX_PROPERTY_BINARY *bin, const char *line) {
 }
 
 [[nodiscard]] int read_unitary_from_lines(QUOVIX_PROPERTY_UNITARY *uni,
-                                          const std::vector<std::string> &lines) {
-    for (const std::string &line : lines) {
-        const match_result r = match_unitary(uni, line.c_str());
-        if (r == match_result::found) return 0;
-        if (r == match_result::unreadable) {
+                                          const std::vector<keyed_line> &lines) {
+    for (const keyed_line &line : lines) {
+        if (!line.keyed || line.os1 != uni->os || line.type1 != uni->type) continue;
+        if (match_unitary(uni, line.text.c_str()) == match_result::unreadable) {
             std::fputs("Error: unable read QUOVIX_PROPERTY_UNITARY.\n", stderr);
             return 1;
         }
+        return 0;
     }
     return 0;
 }
 
 [[nodiscard]] int read_binary_from_lines(QUOVIX_PROPERTY_BINARY *bin,
-                                         const std::vector<std::string> &lines) {
-    for (const std::string &line : lines) {
-        const match_result r = match_binary(bin, line.c_str());
-        if (r == match_result::found) return 0;
-        if (r == match_result::unreadable) {
+                                         const std::vector<keyed_line> &lines) {
+    for (const keyed_line &line : lines) {
+        if (!line.keyed || line.os1 != bin->os1 || line.os2 != bin->os2 ||
+            line.type1 != bin->type1 || line.type2 != bin->type2) {
+            continue;
+        }
+        if (match_binary(bin, line.text.c_str()) == match_result::unreadable) {
             std::fputs("Error: unable read QUOVIX_PROPERTY_BINARY.\n", stderr);
             return 1;
         }
+        return 0;
     }
     return 0;
 }
@@ -264,9 +294,9 @@ int quovix_property_update_read_from_file(QUOVIX_PROPERTY *ppt, const QUOVIX_CEL
         return 1;
     }
     return quovix_guard("parameter file lines", [&]() -> int {
-        std::vector<std::string> unitary_lines, binary_lines;
-        const bool unitary_ok = load_data_lines(dir_unitary, unitary_lines);
-        const bool binary_ok = load_data_lines(dir_binary, binary_lines);
+        std::vector<keyed_line> unitary_lines, binary_lines;
+        const bool unitary_ok = load_data_lines(dir_unitary, line_kind::unitary, unitary_lines);
+        const bool binary_ok = load_data_lines(dir_binary, line_kind::binary, binary_lines);
         for (int i = 0; i < ppt->total; ++i) {
             QUOVIX_PROPERTY_UNITARY *uni = &ppt->uni[i];
             copy_type(uni->type, ppt->type[i]);

@@ -261,12 +261,18 @@ struct pair_setup {
     }
 };
 
-[[nodiscard]] bool make_setup(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, pair_setup &s) {
+// Everything of a setup but the image cloud; prints the cause of a failure.
+[[nodiscard]] bool prepare_setup(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, pair_setup &s) {
     s.range = energy_range(ppt);
     if (!make_frame(cell, s.range, s.f)) return false;
     if (!species_of_atoms(cell, ppt, s.sp)) return false;
     s.table = pair_table(ppt, s.range);
     s.total = ppt->total;
+    return true;
+}
+
+[[nodiscard]] bool make_setup(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, pair_setup &s) {
+    if (!prepare_setup(cell, ppt, s)) return false;
     build_cloud(cell, s.f, s.range, s.sp, s.cloud);
     return true;
 }
@@ -385,10 +391,13 @@ double pair_energy_sum(const QUOVIX_CELL *cell, const pair_setup &s, double sf) 
 // only, and each iteration meets the other threads once.
 // ---------------------------------------------------------------------------------------------
 struct atom_contacts {
-    double bond = 0.0;                 // bonding energy of the atom's contacts (reduced units)
-    std::vector<double> d, w;          // Coulomb contacts grouped by partner species, by d
-    std::vector<double> tail;          // tail[c]: total weight of contacts c.. of its group
+    double bond = 0.0;  // bonding energy of the atom's contacts (reduced units)
+    // The n Coulomb contacts, grouped by partner species and sorted by distance within a
+    // group, as three arrays in one block: d[0..n), w[n..2n) (occ_i occ_j), and tail[2n..3n),
+    // the total weight of a contact and the farther ones of its group.
+    std::vector<double> v;
     std::vector<std::uint32_t> start;  // first contact of each partner species; total + 1
+    std::size_t size() const { return v.size() / 3; }
 };
 
 struct fit_models {
@@ -401,46 +410,55 @@ struct fit_models {
     }
 };
 
-struct coulomb_contact {
+// A Coulomb contact while the lists are built: `order` is its rank in the visiting order, which
+// breaks ties of distance so that the sorted lists do not depend on the sort algorithm.
+struct found_contact {
     double d;
-    double w;  // occ_i occ_j
+    double w;
+    std::uint32_t order;
 };
 
 // The contact lists of atom i of a cell; `scratch` is the calling thread's work space.
 void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, atom_contacts &out,
-                         std::vector<std::vector<coulomb_contact>> &scratch) {
+                         std::vector<std::vector<found_contact>> &scratch) {
     if (cell->atom[i].ignored) return;
     const double occ_i = cell->atom[i].occ;
     scratch.resize(static_cast<std::size_t>(s.total));
     for (auto &list : scratch) list.clear();
     double e = 0.0;
+    std::uint32_t order = 0;
+    std::size_t count = 0;
     for_each_contact(cell, s, i, [&](long j, const pair_term &t, double d, const double *) {
         const double w = occ_i * cell->atom[j].occ;
         if (t.kind == term_kind::coulomb) {
-            scratch[static_cast<std::size_t>(s.sp[j])].push_back({d, w});
+            scratch[static_cast<std::size_t>(s.sp[j])].push_back({d, w, order++});
+            ++count;
         } else {
             e += w * term_energy(t, d, 0.0, 0.0);
         }
     });
     out.bond = e;
+    out.v.resize(3 * count);
+    double *d = out.v.data(), *w = d + count, *tail = w + count;
+    out.start.reserve(scratch.size() + 1);
     out.start.assign(1, 0);
+    std::size_t n = 0;
     for (auto &list : scratch) {
-        std::stable_sort(
-            list.begin(), list.end(),
-            [](const coulomb_contact &x, const coulomb_contact &y) { return x.d < y.d; });
-        for (const coulomb_contact &c : list) {
-            out.d.push_back(c.d);
-            out.w.push_back(c.w);
+        std::sort(list.begin(), list.end(), [](const found_contact &x, const found_contact &y) {
+            return x.d < y.d || (x.d == y.d && x.order < y.order);
+        });
+        const std::size_t first = n;
+        for (const found_contact &f : list) {
+            d[n] = f.d;
+            w[n] = f.w;
+            ++n;
         }
-        out.start.push_back(static_cast<std::uint32_t>(out.d.size()));
-    }
-    out.tail.assign(out.d.size(), 0.0);
-    for (std::size_t g = 0; g + 1 < out.start.size(); ++g) {
         double sum = 0.0;
-        for (std::uint32_t c = out.start[g + 1]; c > out.start[g]; --c) {
-            sum += out.w[c - 1];
-            out.tail[c - 1] = sum;
+        for (std::size_t k = n; k > first; --k) {
+            sum += w[k - 1];
+            tail[k - 1] = sum;
         }
+        out.start.push_back(static_cast<std::uint32_t>(n));
     }
 }
 
@@ -450,18 +468,25 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     fm.setups.resize(cells);
     fm.atoms.resize(cells);
     fm.first.assign(1, 0);
-    // The first cell alone, so that a failure prints its reason once; the other five (the same
-    // atoms, strained by 1e-4) on all threads.
-    if (cells == 0 || !make_setup(copies[0].get(), ppt, fm.setups[0])) return false;
+    // The strained copies have the atoms, species and pair table of the first: only their
+    // frames differ. Failures print their reason once; the image clouds, the costly part, are
+    // built on all threads.
+    if (cells == 0 || !prepare_setup(copies[0].get(), ppt, fm.setups[0])) return false;
+    for (std::size_t c = 1; c < cells; ++c) {
+        pair_setup &s = fm.setups[c];
+        s.range = fm.setups[0].range;
+        if (!make_frame(copies[c].get(), s.range, s.f)) return false;
+        s.sp = fm.setups[0].sp;
+        s.table = fm.setups[0].table;
+        s.total = fm.setups[0].total;
+    }
     bool ready = true;
 #pragma omp parallel for schedule(dynamic, 1)
-    for (long c = 1; c < static_cast<long>(cells); ++c) {
-        bool done = false;
+    for (long c = 0; c < static_cast<long>(cells); ++c) {
+        pair_setup &s = fm.setups[static_cast<std::size_t>(c)];
         try {
-            done = make_setup(copies[c].get(), ppt, fm.setups[c]);
+            build_cloud(copies[c].get(), s.f, s.range, s.sp, s.cloud);
         } catch (...) {
-        }
-        if (!done) {
 #pragma omp atomic write
             ready = false;
         }
@@ -478,7 +503,7 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     bool ok = true;
 #pragma omp parallel
     {
-        std::vector<std::vector<coulomb_contact>> scratch;
+        std::vector<std::vector<found_contact>> scratch;
 #pragma omp for schedule(dynamic, 4)
         for (long it = 0; it < items; ++it) {
             const std::size_t c = fm.cell_of(it);
@@ -515,18 +540,20 @@ void release_fit_models(fit_models &fm, std::vector<quovix_cell_ptr> &copies) {
 // Energy (reduced units) of one atom's contacts at screening factor sf.
 double atom_energy(const atom_contacts &a, const pair_term *terms, const double *shift, double sf) {
     double e = a.bond;
+    const std::size_t n = a.size();
+    const double *d = a.v.data(), *w = d + n, *tail = w + n;
     for (std::size_t g = 0; g + 1 < a.start.size(); ++g) {
         const std::uint32_t begin = a.start[g], end = a.start[g + 1];
         if (begin == end) continue;
         const pair_term &t = terms[g];
         const double r_eff = sf * t.rcs;
         // Contacts beyond d / r_eff = 6 carry only the shift.
-        const double *cut = std::partition_point(&a.d[begin], &a.d[begin] + (end - begin),
-                                                 [r_eff](double d) { return !(d / r_eff > 6.0); });
-        const auto screened = static_cast<std::uint32_t>(cut - a.d.data());
+        const double *cut = std::partition_point(d + begin, d + end,
+                                                 [r_eff](double x) { return !(x / r_eff > 6.0); });
+        const auto screened = static_cast<std::uint32_t>(cut - d);
         for (std::uint32_t c = begin; c < screened; ++c)
-            e += a.w[c] * coulomb_energy(a.d[c], t.q, r_eff, shift[g]);
-        if (screened < end) e -= a.tail[screened] * shift[g];
+            e += w[c] * coulomb_energy(d[c], t.q, r_eff, shift[g]);
+        if (screened < end) e -= tail[screened] * shift[g];
     }
     return e;
 }
