@@ -1,5 +1,7 @@
 // Parameter sets: species of a cell, per-species and per-pair parameters read from the two
 // parameter files, estimates of missing pairs and the values derived from them.
+#include <algorithm>
+#include <cctype>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -44,6 +46,26 @@ struct keyed_line {
 
 enum class line_kind { unitary, binary };
 
+// Reads the next word as sscanf's "%s" does (leading white space skipped); false at the end.
+bool next_word(const char *&p, std::string &word) {
+    while (std::isspace(static_cast<unsigned char>(*p))) ++p;
+    const char *begin = p;
+    while (*p != '\0' && !std::isspace(static_cast<unsigned char>(*p))) ++p;
+    word.assign(begin, p);
+    return p != begin;
+}
+
+// Reads the next integer as sscanf's "%d" does; false when there is none. A value beyond the
+// range of int saturates, which no species can match.
+bool next_int(const char *&p, int &value) {
+    char *end = nullptr;
+    const long v = std::strtol(p, &end, 10);
+    if (end == p) return false;
+    p = end;
+    value = static_cast<int>(std::clamp<long>(v, INT_MIN, INT_MAX));
+    return true;
+}
+
 // Data lines of a parameter file: everything after the line containing "DATA_START" up to the
 // line containing "DATA_END" (excluded) or the end of the file. Lines are read as fgets
 // chunks of 1023 characters, so an overlong line is seen as several lines.
@@ -52,7 +74,6 @@ enum class line_kind { unitary, binary };
     quovix_file_ptr file{path ? std::fopen(path, "rb") : nullptr};
     if (!file) return false;
     char buf[line_buffer_size];
-    char t1[line_buffer_size], t2[line_buffer_size];
     bool started = false;
     while (std::fgets(buf, sizeof buf, file.get()) != nullptr) {
         if (!started) {
@@ -62,15 +83,13 @@ enum class line_kind { unitary, binary };
         if (std::strstr(buf, "DATA_END") != nullptr) break;
         keyed_line line;
         line.text = buf;
+        const char *p = buf;
+        int z = 0;
         if (kind == line_kind::unitary) {
-            line.keyed = std::sscanf(buf, "%*d %1023s %d", t1, &line.os1) == 2;
-            if (line.keyed) line.type1 = t1;
+            line.keyed = next_int(p, z) && next_word(p, line.type1) && next_int(p, line.os1);
         } else {
-            line.keyed = std::sscanf(buf, "%1023s %d %1023s %d", t1, &line.os1, t2, &line.os2) == 4;
-            if (line.keyed) {
-                line.type1 = t1;
-                line.type2 = t2;
-            }
+            line.keyed = next_word(p, line.type1) && next_int(p, line.os1) &&
+                         next_word(p, line.type2) && next_int(p, line.os2);
         }
         lines.push_back(std::move(line));
     }
@@ -143,11 +162,12 @@ match_result match_binary(QUOVIX_PROPERTY_BINARY *bin, const char *line) {
                                           const std::vector<keyed_line> &lines) {
     for (const keyed_line &line : lines) {
         if (!line.keyed || line.os1 != uni->os || line.type1 != uni->type) continue;
-        if (match_unitary(uni, line.text.c_str()) == match_result::unreadable) {
+        const match_result r = match_unitary(uni, line.text.c_str());
+        if (r == match_result::found) return 0;
+        if (r == match_result::unreadable) {
             std::fputs("Error: unable read QUOVIX_PROPERTY_UNITARY.\n", stderr);
             return 1;
         }
-        return 0;
     }
     return 0;
 }
@@ -159,11 +179,12 @@ match_result match_binary(QUOVIX_PROPERTY_BINARY *bin, const char *line) {
             line.type1 != bin->type1 || line.type2 != bin->type2) {
             continue;
         }
-        if (match_binary(bin, line.text.c_str()) == match_result::unreadable) {
+        const match_result r = match_binary(bin, line.text.c_str());
+        if (r == match_result::found) return 0;
+        if (r == match_result::unreadable) {
             std::fputs("Error: unable read QUOVIX_PROPERTY_BINARY.\n", stderr);
             return 1;
         }
-        return 0;
     }
     return 0;
 }

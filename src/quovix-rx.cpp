@@ -395,15 +395,19 @@ struct atom_contacts {
     // The n Coulomb contacts, grouped by partner species and sorted by distance within a
     // group, as three arrays in one block: d[0..n), w[n..2n) (occ_i occ_j), and tail[2n..3n),
     // the total weight of a contact and the farther ones of its group.
+    // The groups' bounds are kept by the cell (fit_models::groups).
     std::vector<double> v;
-    std::vector<std::uint32_t> start;  // first contact of each partner species; total + 1
     std::size_t size() const { return v.size() / 3; }
 };
 
 struct fit_models {
     std::vector<pair_setup> setups;                 // one per strained cell
     std::vector<std::vector<atom_contacts>> atoms;  // [cell][atom]
-    std::vector<long> first;                        // first work item of each cell; cells + 1
+    // [cell][atom * (species + 1) + g]: first contact of partner species g in the atom's lists,
+    // the last entry their end (all 0 for an ignored atom).
+    std::vector<std::vector<std::uint32_t>> groups;
+    std::size_t stride = 0;   // species + 1
+    std::vector<long> first;  // first work item of each cell; cells + 1
     std::size_t cell_of(long item) const {
         return static_cast<std::size_t>(std::upper_bound(first.begin(), first.end(), item) -
                                         first.begin() - 1);
@@ -419,8 +423,9 @@ struct found_contact {
 };
 
 // The contact lists of atom i of a cell; `scratch` is the calling thread's work space.
+// `start` receives the bounds of the species groups (species + 1 entries).
 void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, atom_contacts &out,
-                         std::vector<std::vector<found_contact>> &scratch) {
+                         std::uint32_t *start, std::vector<std::vector<found_contact>> &scratch) {
     if (cell->atom[i].ignored) return;
     const double occ_i = cell->atom[i].occ;
     scratch.resize(static_cast<std::size_t>(s.total));
@@ -440,9 +445,8 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     out.bond = e;
     out.v.resize(3 * count);
     double *d = out.v.data(), *w = d + count, *tail = w + count;
-    out.start.reserve(scratch.size() + 1);
-    out.start.assign(1, 0);
     std::size_t n = 0;
+    start[0] = 0;
     for (auto &list : scratch) {
         std::sort(list.begin(), list.end(), [](const found_contact &x, const found_contact &y) {
             return x.d < y.d || (x.d == y.d && x.order < y.order);
@@ -458,7 +462,7 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
             sum += w[k - 1];
             tail[k - 1] = sum;
         }
-        out.start.push_back(static_cast<std::uint32_t>(n));
+        start[&list - scratch.data() + 1] = static_cast<std::uint32_t>(n);
     }
 }
 
@@ -468,6 +472,7 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     fm.setups.resize(cells);
     fm.atoms.resize(cells);
     fm.first.assign(1, 0);
+    fm.groups.resize(cells);
     // The strained copies have the atoms, species and pair table of the first: only their
     // frames differ. Failures print their reason once; the image clouds, the costly part, are
     // built on all threads.
@@ -495,8 +500,10 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
         std::fputs("Error: unable to allocate contact lists.\n", stderr);
         return false;
     }
+    fm.stride = static_cast<std::size_t>(fm.setups[0].total) + 1;
     for (std::size_t c = 0; c < cells; ++c) {
         fm.atoms[c].resize(static_cast<std::size_t>(std::max(copies[c]->total, 0L)));
+        fm.groups[c].assign(fm.atoms[c].size() * fm.stride, 0);
         fm.first.push_back(fm.first.back() + static_cast<long>(fm.atoms[c].size()));
     }
     const long items = fm.first.back();
@@ -509,8 +516,9 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
             const std::size_t c = fm.cell_of(it);
             const long i = it - fm.first[c];
             try {
-                build_atom_contacts(copies[c].get(), fm.setups[c], i,
-                                    fm.atoms[c][static_cast<std::size_t>(i)], scratch);
+                const auto at = static_cast<std::size_t>(i);
+                build_atom_contacts(copies[c].get(), fm.setups[c], i, fm.atoms[c][at],
+                                    &fm.groups[c][at * fm.stride], scratch);
             } catch (...) {
 #pragma omp atomic write
                 ok = false;
@@ -524,26 +532,14 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     return true;
 }
 
-// Frees the contact lists (thousands of small vectors) and the strained cells on all threads,
-// instead of leaving them to the destructors on one.
-void release_fit_models(fit_models &fm, std::vector<quovix_cell_ptr> &copies) {
-#pragma omp parallel for schedule(static)
-    for (long c = 0; c < static_cast<long>(copies.size()); ++c) copies[c].reset();
-    const long items = fm.first.empty() ? 0 : fm.first.back();
-#pragma omp parallel for schedule(static)
-    for (long it = 0; it < items; ++it) {
-        const std::size_t c = fm.cell_of(it);
-        fm.atoms[c][static_cast<std::size_t>(it - fm.first[c])] = atom_contacts{};
-    }
-}
-
 // Energy (reduced units) of one atom's contacts at screening factor sf.
-double atom_energy(const atom_contacts &a, const pair_term *terms, const double *shift, double sf) {
+double atom_energy(const atom_contacts &a, const std::uint32_t *start, std::size_t groups,
+                   const pair_term *terms, const double *shift, double sf) {
     double e = a.bond;
     const std::size_t n = a.size();
     const double *d = a.v.data(), *w = d + n, *tail = w + n;
-    for (std::size_t g = 0; g + 1 < a.start.size(); ++g) {
-        const std::uint32_t begin = a.start[g], end = a.start[g + 1];
+    for (std::size_t g = 0; g < groups; ++g) {
+        const std::uint32_t begin = start[g], end = start[g + 1];
         if (begin == end) continue;
         const pair_term &t = terms[g];
         const double r_eff = sf * t.rcs;
@@ -571,10 +567,10 @@ void fit_energies(const fit_models &fm, const std::vector<quovix_cell_ptr> &copi
     for (long it = 0; it < items; ++it) {
         const std::size_t c = fm.cell_of(it);
         const auto i = static_cast<std::size_t>(it - fm.first[c]);
-        const atom_contacts &a = fm.atoms[c][i];
-        if (a.start.empty()) continue;  // ignored atom
         const std::size_t row = static_cast<std::size_t>(fm.setups[c].sp[i]) * s0.total;
-        partial[static_cast<std::size_t>(it)] = atom_energy(a, &s0.table[row], &shift_all[row], sf);
+        partial[static_cast<std::size_t>(it)] =
+            atom_energy(fm.atoms[c][i], &fm.groups[c][i * fm.stride], fm.stride - 1, &s0.table[row],
+                        &shift_all[row], sf);
     }
     energy.assign(copies.size(), 0.0);
     for (std::size_t c = 0; c < copies.size(); ++c) {
@@ -902,7 +898,6 @@ int quovix_property_calculate_screening_factor(QUOVIX_PROPERTY *ppt, QUOVIX_CELL
         }
         ppt->sf = sf;
         std::printf("Message: final screening factor = %f\n", sf);
-        release_fit_models(models, copies);
         return 0;
     });
     return status == 0 ? 0 : -1;
