@@ -11,6 +11,7 @@
 #include "quovix-import.hpp"
 #include "quovix-la.hpp"
 #include "quovix-pair.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

@@ -36,6 +36,7 @@
 #include "quovix-import.hpp"
 #include "quovix-md.hpp"
 #include "quovix-pair.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

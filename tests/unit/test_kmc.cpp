@@ -16,6 +16,7 @@
 #include "quovix-gh.hpp"
 #include "quovix-import.hpp"
 #include "quovix-kmc.hpp"
+#include "quovix-reference.hpp"
 #include "temp_dir.hpp"
 
 namespace {
