@@ -18,25 +18,10 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
-// A scratch file path unique to this test binary and name.
-std::string temp_path(const char *name) { return test_tmp::dir() + "quovix_alloc_" + name; }
+using test_tmp::read_file;
+using test_tmp::write_file;
 
-void write_file(const std::string &path, const std::string &bytes) {
-    std::FILE *f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fwrite(bytes.data(), 1, bytes.size(), f);
-    std::fclose(f);
-}
-
-std::string read_file(const std::string &path) {
-    std::string s;
-    std::FILE *f = std::fopen(path.c_str(), "rb");
-    if (!f) return "<missing>";
-    int c;
-    while ((c = std::fgetc(f)) != EOF) s.push_back(static_cast<char>(c));
-    std::fclose(f);
-    return s;
-}
+std::string temp_path(const char *name) { return test_tmp::dir() + name; }
 
 }  // namespace
 

@@ -26,19 +26,10 @@ using test_import::Captured;
 const std::string kUnitary = test_import::unitary();
 const std::string kBinary = test_import::binary();
 
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using test_tmp::read_file;
+using test_tmp::write_file;
 
-void spit(const std::string &path, const std::string &text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-}
-
-std::string temp_path(const std::string &name) {
-    return test_tmp::dir() + "quovix_test_cube_" + name;
-}
+std::string temp_path(const std::string &name) { return test_tmp::dir() + name; }
 
 // A cube with the given counts over an orthogonal cell, values filled by `fill(i, j, k)`.
 template <class F>
@@ -94,7 +85,7 @@ TEST(CubeExport, HeaderlessFileBytes) {
               "Message: cube file is generated without header.\nMessage: cube file saved to " +
                   path + ".\n");
     // 1 A = 1.889725989 Bohr.
-    EXPECT_EQ(slurp(path),
+    EXPECT_EQ(read_file(path),
               "noname\r\n\r\n"
               "   0    0.000000    0.000000    0.000000\r\n"
               "   2    1.889726    0.000000    0.000000\r\n"
@@ -138,7 +129,7 @@ TEST(CubeExport, ValuesMatchPrintfFormatting) {
         std::snprintf(buf, sizeof buf, " %12.6f\r\n", value(k));
         want += buf;
     }
-    const std::string got = slurp(path);
+    const std::string got = read_file(path);
     ASSERT_GE(got.size(), want.size());
     EXPECT_EQ(got.substr(got.size() - want.size()), want);
     std::remove(path.c_str());
@@ -236,10 +227,10 @@ TEST(CubeImport, RoundTripKeepsSixDecimalsBothWays) {
 TEST(CubeImport, ReadsForeignLayoutWithSixValuesPerLine) {
     // Other writers put six "%13.5e" values on a line; values are read by white space.
     const std::string path = temp_path("foreign.cube");
-    spit(path,
-         "made elsewhere\nsecond line\n    0    0.0 0.0 0.0\n"
-         "    2    1.0 0.0 0.0\n    1    0.0 1.0 0.0\n    3    0.0 0.0 1.0\n"
-         "  1.00000e+00 -2.50000e-01  3.0e2\n  4.00000E-03  5  -6\n");
+    write_file(path,
+               "made elsewhere\nsecond line\n    0    0.0 0.0 0.0\n"
+               "    2    1.0 0.0 0.0\n    1    0.0 1.0 0.0\n    3    0.0 0.0 1.0\n"
+               "  1.00000e+00 -2.50000e-01  3.0e2\n  4.00000E-03  5  -6\n");
     QUOVIX_CUBE *raw = nullptr;
     testing::internal::CaptureStdout();
     ASSERT_EQ(quovix_cube_import_from_file(&raw, nullptr, path.c_str(), true, nullptr), 0);
@@ -295,7 +286,7 @@ TEST(CubeImport, BadFilesFailCleanly) {
          true, true},
     };
     for (const Case &c : cases) {
-        spit(path, c.text);
+        write_file(path, c.text);
         QUOVIX_CUBE *cube = nullptr;
         QUOVIX_CELL *cell = nullptr;
         Captured log = capture([&] {

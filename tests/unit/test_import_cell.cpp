@@ -60,13 +60,6 @@ double closest_pair(QUOVIX_CELL *cell) {
     return best;
 }
 
-std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 }  // namespace
 
 // ------------------------------------------------------------------ lattice and coordinates
@@ -357,7 +350,7 @@ TEST(CifWriter, WrittenFileReadsBackToTheSameCell) {
         EXPECT_EQ(quovix_cell_export_cif_to_file(path.c_str(), l.cell.get(), l.sym.get()), 0);
     });
     EXPECT_EQ(c.out, "Message: cif file saved to " + path + "\n");
-    const std::string written = read_file(path);
+    const std::string written = test_tmp::read_file(path);
     EXPECT_EQ(written.substr(0, 28), "data_generated-by-Quovix\r\n\n_");
     Loaded back = load(path);
     ASSERT_EQ(back.status, 0) << back.log.err;
