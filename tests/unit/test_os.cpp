@@ -160,7 +160,8 @@ TEST(OxidationStates, ChoiceIsTheCheapestNeutralCombination) {
 
 // Each site's sum under the assignment equals the program's own sum of the assigned cell.
 TEST(OxidationStates, SumsAgreeWithTheBondValenceModule) {
-    for (const char *name : {"LiCoO2_layered.cif", "Na0.8CoO2_P63mmc.cif", "Fe3O4_P1.cif"}) {
+    for (const char *name : {"LiCoO2_layered.cif", "Na0.8CoO2_P63mmc.cif", "Fe3O4_P1.cif",
+                             "LiMn2O4_spinel_P1.cif", "LiFePO4_olivine_P1.cif"}) {
         auto r = assign(data_file(name));
         ASSERT_TRUE(r.os) << name;
         quovix_cell_ptr out(quovix_os_apply_to_cell(r.os.get(), r.cell.get()));
