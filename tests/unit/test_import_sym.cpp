@@ -251,40 +251,31 @@ TEST(SymmetryFromCif, TakesTheFirstSourcePresent) {
         });
         return quovix_symmetry_ptr(s);
     };
+    // Operations first (either loop name), then H-M, number and Hall symbol; the number of
+    // operations tells which source was read (2 from the loop, 8 for C 2/m and No. 12).
+    const struct {
+        std::string text;
+        int total;
+        const char *source;
+    } cases[] = {
+        {hm + id + loop, 2, "_symmetry_equiv_pos_as_xyz/_space_group_symop_operation_xyz"},
+        {"loop_\n_space_group_symop_id\n_space_group_symop_operation_xyz\n1 x,y,z\n", 1,
+         "_symmetry_equiv_pos_as_xyz/_space_group_symop_operation_xyz"},
+        {id + hm, 8, "H-M symbol"},
+        {hall + "_space_group_IT_number 12\n", 8, "IT id"},
+        {hall, 2, "Hall symbol"},
+    };
     Captured c;
-    quovix_symmetry_ptr s = run(hm + id + loop, c);
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->total, 2);
-    EXPECT_STREQ(s->sg_HM, "");
-    EXPECT_EQ(s->sg_id, 0);
-    EXPECT_EQ(c.out,
-              "Message: determining symmetry from "
-              "_symmetry_equiv_pos_as_xyz/_space_group_symop_operation_xyz ...\n");
-
-    s = run("loop_\n_space_group_symop_id\n_space_group_symop_operation_xyz\n1 x,y,z\n", c);
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->total, 1);
-    EXPECT_EQ(
-        c.out.rfind("Warning: _loop block containing _symmetry_equiv_pos_as_xyz not found.\n", 0),
-        0u);
-
-    s = run(id + hm, c);
-    ASSERT_TRUE(s);
-    EXPECT_STREQ(s->sg_HM, "C 2/m");
-    // The whole message sequence is pinned by the e2e case print-sym-CuCrP2Se6-HM-only.
-    EXPECT_NE(c.out.find("Message: determining symmetry from H-M symbol ...\n"), std::string::npos);
-
-    s = run(hall + "_space_group_IT_number 12\n", c);
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->sg_id, 12);
-    EXPECT_NE(c.out.find("Message: determining symmetry from IT id ...\n"), std::string::npos);
-
-    s = run(hall, c);
-    ASSERT_TRUE(s);
-    EXPECT_STREQ(s->sg_Hall, "-P 1");
-    EXPECT_NE(c.out.find("Message: determining symmetry from Hall symbol ...\n"),
-              std::string::npos);
-
+    quovix_symmetry_ptr s;
+    for (const auto &k : cases) {
+        s = run(k.text, c);
+        ASSERT_TRUE(s) << k.source;
+        EXPECT_EQ(s->total, k.total) << k.source;
+        EXPECT_NE(
+            c.out.find("Message: determining symmetry from " + std::string(k.source) + " ...\n"),
+            std::string::npos)
+            << c.out;
+    }
     s = run("_cell_length_a 3\n", c);
     EXPECT_FALSE(s);
     EXPECT_EQ(c.err, "");
