@@ -135,11 +135,10 @@ TEST(Records, AtomPrintFormatAndNullRecords) {
     at.ignored = true;
     CaptureStdout();
     quovix_atom_print(&at);
-    quovix_atom_print(nullptr);
     quovix_cell_print(nullptr);
     EXPECT_EQ(GetCapturedStdout(),
               "ATOM: name=    O1;type= O;os=-2;x_f=(0.500,0.250,0.001);occ=1.000; "
-              "flag=12;ignored=1\nATOM: (not allocated)\nCELL: (not allocated)\n");
+              "flag=12;ignored=1\nCELL: (not allocated)\n");
 }
 
 TEST(Records, CellCopyIsDeep) {
@@ -162,12 +161,6 @@ TEST(Records, CellCopyIsDeep) {
 }
 
 TEST(Records, CardsAndDiscreteSymmetryPrint) {
-    const std::string long_text(50, 'x');
-    QUOVIX_CARD *card = quovix_card_new(long_text.c_str());
-    ASSERT_NE(card, nullptr);
-    EXPECT_EQ(std::string(card->text), std::string(35, 'x'));
-    quovix_card_free(card);
-
     quovix_symmetry_ptr p1{quovix_symmetry_new_p1()};
     ASSERT_TRUE(p1);
     EXPECT_TRUE(quovix_symmetry_is_p1(p1.get()));
@@ -176,8 +169,6 @@ TEST(Records, CardsAndDiscreteSymmetryPrint) {
     // The plain form is pinned by the e2e case print-sym-CuCrP2Se6-HM-only.
     CaptureStdout();
     quovix_symmetry_print_discrete(p1.get());
-    quovix_symmetry_print(nullptr);
-    quovix_card_print(nullptr);
     EXPECT_EQ(GetCapturedStdout(),
               "SYMMETRY: Hermann-Maugui group symbol: P 1\n"
               "SYMMETRY: Hall group symbol: P 1\n"
@@ -186,9 +177,7 @@ TEST(Records, CardsAndDiscreteSymmetryPrint) {
               "CARD: text:x, y, z\n"
               "CARD:   0  0  0      0\n"
               "CARD:   0 -1  0      0\n"
-              "CARD:   0  0  0      6\n"
-              "SYMMETRY: (not allocated)\n"
-              "CARD: (not allocated)\n");
+              "CARD:   0  0  0      6\n");
 
     p1->card[0].t_f[0] = 0.5;
     EXPECT_FALSE(quovix_symmetry_is_p1(p1.get()));
