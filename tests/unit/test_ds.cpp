@@ -142,13 +142,3 @@ TEST(List, ReleaseFunctionSeesEveryElementOnceAndBothSentinels) {
     EXPECT_EQ(released_null, 0);
     quovix_list_free(nullptr);
 }
-
-TEST(List, NullListOperationsFailWithMessage) {
-    int a = 0;
-    CaptureStderr();
-    EXPECT_EQ(quovix_list_push(nullptr, &a), nullptr);
-    EXPECT_EQ(quovix_list_dequeue(nullptr), nullptr);
-    EXPECT_EQ(quovix_list_top(nullptr), nullptr);
-    const std::string line = "Error: QUOVIX_LIST has not been properly initialized.\n";
-    EXPECT_EQ(GetCapturedStderr(), line + line + line);
-}
