@@ -249,17 +249,8 @@ TEST(PropertyDerived, MissingSoftnessLeavesRminZeroWithAWarning) {
     EXPECT_EQ(ppt->bin[0][1].en_s, 0.0);
 }
 
-TEST(PropertyCharge, ScalesCationsAndAnionsToNeutrality) {
-    auto cell = species_cell(4.6, {{"Li", 1, 0.25, 0.25, 0.25, 1.0},
-                                   {"Li", 1, 0.75, 0.75, 0.75, 1.0},
-                                   {"O", -2, 0.0, 0.0, 0.0, 1.0}});
-    auto ppt = read_set(cell.get(), kUnitary, kBinary);
-    ASSERT_EQ(quovix_property_calculate_fractional_charge(ppt.get(), cell.get()), 0);
-    // Li counts as period 1, O as period 2: S+ = 2, S- = -2/sqrt(2).
-    EXPECT_NEAR(ppt->uni[0].q, std::sqrt(std::sqrt(2.0) / 2.0), 1e-12);
-    EXPECT_NEAR(ppt->uni[1].q, -std::sqrt(2.0) * std::sqrt(2.0 / std::sqrt(2.0)), 1e-12);
-}
-
+// Charges of the shipped NaCl set are pinned by the e2e case print-ppt-NaCl-given-sf; here a
+// cation whose scaled charge exceeds its oxidation state, and neutrality after the cap.
 TEST(PropertyCharge, CapsAChargeAboveItsOxidationState) {
     const std::string uni = write_temp("unitary.dat", kSmallUnitary);
     const std::string bin = write_temp("binary.dat", kSmallBinary);
@@ -345,47 +336,6 @@ TEST(PropertyValidate, ReportsTheFirstFaultWithItsSpecies) {
         EXPECT_EQ(quovix_property_validate_generic(copy.get()), 1);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), f.message);
     }
-}
-
-// The pair checks shared by the generic and the bond-valence validation: pairs in cation-row
-// order, the parameters of a pair in the order listed, the first fault only.
-TEST(PropertyValidate, PairChecksFollowTheListOrder) {
-    auto cell = species_cell(4.0, {{"Li", 1, 0.0, 0.0, 0.0, 1.0},
-                                   {"Na", 1, 0.5, 0.0, 0.0, 1.0},
-                                   {"O", -2, 0.5, 0.5, 0.5, 1.0}});
-    quovix_property_ptr ppt = test_import::quiet_property(cell.get(), 0.75);
-    ASSERT_TRUE(ppt);
-    const int li = quovix_property_find_index(ppt.get(), "Li", 1);
-    const int na = quovix_property_find_index(ppt.get(), "Na", 1);
-    const int o = quovix_property_find_index(ppt.get(), "O", -2);
-    ASSERT_TRUE(li >= 0 && na >= 0 && o >= 0);
-    const int first = std::min(li, na), second = std::max(li, na);
-    const double r0_first = ppt->bin[first][o].r0;
-    const double b_second = ppt->bin[second][o].b, r0_second = ppt->bin[second][o].r0;
-    ppt->bin[first][o].r0 = -1.0;  // the earlier cation row: its later-listed parameter
-    ppt->bin[second][o].b = 0.0;   // the later row: both parameters
-    ppt->bin[second][o].r0 = -1.0;
-    const quovix_pair_check b_then_r0[] = {{"b", &QUOVIX_PROPERTY_BINARY::b},
-                                           {"r0", &QUOVIX_PROPERTY_BINARY::r0}};
-    const quovix_pair_check r0_then_b[] = {{"r0", &QUOVIX_PROPERTY_BINARY::r0},
-                                           {"b", &QUOVIX_PROPERTY_BINARY::b}};
-    char want[320];
-    std::snprintf(want, sizeof want,
-                  "Error: incorrect r0 at [%d](%s1+)-(O2-) r0=-1.000000\n"
-                  "Error: incorrect b at [%d](%s1+)-(O2-) b=0.000000\n"
-                  "Error: incorrect r0 at [%d](%s1+)-(O2-) r0=-1.000000\n"
-                  "Error: QUOVIX_PROPERTY has not been properly initialized.\n",
-                  first, ppt->type[first], second, ppt->type[second], second, ppt->type[second]);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_property_validate_pairs(ppt.get(), b_then_r0), 1);  // rows come first
-    ppt->bin[first][o].r0 = r0_first;
-    EXPECT_EQ(quovix_property_validate_pairs(ppt.get(), b_then_r0), 1);  // then the list order
-    EXPECT_EQ(quovix_property_validate_pairs(ppt.get(), r0_then_b), 1);
-    EXPECT_EQ(quovix_property_validate_pairs(nullptr, b_then_r0), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), want);
-    ppt->bin[second][o].b = b_second;
-    ppt->bin[second][o].r0 = r0_second;
-    EXPECT_EQ(quovix_property_validate_pairs(ppt.get(), b_then_r0), 0);
 }
 
 TEST(PropertyImport, UnreadableFileEndsTheBuildWithTheWholeChain) {
