@@ -4,10 +4,9 @@
 The folder mixes two Li+ conductors (LiCoO2 without oxidation states, so they are assigned;
 Li2O, small enough for a short Monte Carlo run) with bad inputs: a text file, a CIF the reader
 refuses and a structure without Li+. Checked: one row per file with the right status, step and
-first error line; barriers consistent with
-their energy ranges; the conductivity only where it was computed; the plots exist and are PNG
-files; a second run does nothing, and after one summary is removed only that structure is
-screened again. Coarse grid (0.3 A), two cores.
+first error line; barriers consistent with their energy ranges; the conductivity only where it
+was computed; the plots exist and are PNG files; a second run does nothing, and after one
+summary is removed only that structure is screened again. Coarse grid (0.3 A), two cores.
 """
 import csv
 import json
