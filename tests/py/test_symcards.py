@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Checks of data/database_symcards.dat, read the way the program reads it: the operations
-of every entry are spglib's, the rows fit the reader, the entries are groups in table order.
+"""Checks of data/database_symcards.dat: the operations of every entry are spglib's, the rows
+fit the reader, the entries are groups in table order.
 Which entry each spelling finds is checked through the program's own lookup by the unit test
 SymmetryLookup.EveryShippedSpellingFindsItsOperations, and the settings named by the test
 structures by tests/py/test_cif_expansion.py (expansion compared with pymatgen or gemmi).
@@ -33,29 +33,16 @@ def scan_quoted(row):
 
 
 def parse_op(text):
-    """One operation as the program parses it: (rotation, translation)."""
-    comps = [re.sub(r"[ \t\r\n']", "", c) for c in text.split(",")]
-    if len(comps) != 3:
-        raise ValueError("not three components: %r" % text)
+    """One operation of the file, (rotation rows, translations): every component has the form
+    -?[xyz]([+-][xyz])*(+n/d)? (test_entries_are_groups_in_table_order checks that; the
+    program's reading of such text is checked by the unit test CardSetByText)."""
     rot, tra = [], []
-    for comp in comps:
-        row = []
-        for letter in "xyz":
-            pos = comp.find(letter)
-            if pos < 0:
-                pos = comp.find(letter.upper())
-            row.append(0 if pos < 0 else 1 if pos == 0 or comp[pos - 1] == "+" else -1)
-        t = Fraction(0)
-        mark = comp.find("/") if "/" in comp else comp.find(".")
-        if "/" in comp:
-            t = Fraction(int(comp[mark - 1]), int(comp[mark + 1]))
-        elif "." in comp:
-            num = re.match(r"[+-]?\d*\.?\d*", comp).group(0)
-            t = Fraction(num) if num not in ("", "+", "-", ".") else Fraction(0)
-        if mark >= 2 and "-" in comp[mark - 2:]:
-            t = -abs(t)
-        rot.append(tuple(row))
-        tra.append(t)
+    for comp in (re.sub(r"[\s']", "", c) for c in text.split(",")):
+        rot.append(tuple(0 if v not in comp else -1 if "-" + v in comp else 1 for v in "xyz"))
+        frac = re.search(r"([+-]?\d+)/(\d+)", comp)
+        tra.append(Fraction(int(frac.group(1)), int(frac.group(2))) if frac else Fraction(0))
+    if len(rot) != 3:
+        raise ValueError("not three components: %r" % text)
     return tuple(rot), tuple(tra)
 
 

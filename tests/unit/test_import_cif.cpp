@@ -467,14 +467,8 @@ TEST(ReadCif, SeriesOfFilesByPrefix) {
     EXPECT_EQ(cells[1]->total, 3);
     for (int i = 0; i < 2; ++i) quovix_cell_free(cells[i]);
     std::free(cells);
+    // A missing file of the series: see the e2e case rx-neb-images-missing.
     Captured c = capture([&] {
-        EXPECT_EQ(quovix_cells_import_cif_from_file(prefix.c_str(), 3, symcards().c_str(),
-                                                    unitary().c_str()),
-                  nullptr);
-    });
-    EXPECT_NE(c.err.find("Error: quovix_cell_import_cif_from_file() returns non-zero.\n"),
-              std::string::npos);
-    c = capture([&] {
         EXPECT_EQ(quovix_cells_import_cif_from_file(prefix.c_str(), 0, nullptr, nullptr), nullptr);
     });
     EXPECT_EQ(c.err, "Error: number of cells must be larger than zero.\n");
