@@ -109,7 +109,7 @@ TEST(PropertyRead, BinaryMatchesTheOrderedPairOnly) {
     EXPECT_EQ(reversed.r0, 0.0);
 }
 
-TEST(PropertyRead, ElementLookupAndHardnessTable) {
+TEST(PropertyRead, ElementLookup) {
     const std::string path = write_temp("unitary.dat", kSmallUnitary);
     QUOVIX_ATOM atom{};
     ASSERT_EQ(quovix_property_type_from_atomic_number(27, &atom, path.c_str()), 0);
@@ -119,14 +119,6 @@ TEST(PropertyRead, ElementLookupAndHardnessTable) {
     EXPECT_EQ(quovix_property_type_from_atomic_number(92, &atom, path.c_str()), 1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Error: unable to find element with atomic number 92 from " + path + ".\n");
-
-    const std::string hard = write_temp("hardness.dat", "Fe 1.0 2.0 3.0\nO 7.0\nFe 4.0 5.0 6.0\n");
-    EXPECT_DOUBLE_EQ(quovix_property_hardness_read_from_file("Fe", 2, hard.c_str()), 6.0);
-    EXPECT_DOUBLE_EQ(quovix_property_hardness_read_from_file("Fe", 3, hard.c_str()), 0.0);
-    EXPECT_DOUBLE_EQ(quovix_property_hardness_read_from_file("O", 0, hard.c_str()), 7.0);
-    testing::internal::CaptureStdout();
-    EXPECT_DOUBLE_EQ(quovix_property_hardness_read_from_file("O", 0, "/nonexistent/h"), 0.0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Warning: unable to open /nonexistent/h\n");
 }
 
 // ----------------------------------------------------------------------------- species list

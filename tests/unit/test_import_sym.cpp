@@ -307,8 +307,6 @@ TEST(AtomEqual, ToleranceAcrossThePeriodicBoundary) {
     b.x_f[0] = 0.001;
     std::strcpy(b.type, "LI");
     EXPECT_FALSE(quovix_atom_equal(&a, &b));
-    EXPECT_FALSE(quovix_atom_belong(&a, &b, 1));
-    EXPECT_TRUE(quovix_atom_belong(&a, &a, 1));
 }
 
 TEST(AtomSort, LabelsInNaturalOrderWithinEqualSpecies) {
