@@ -13,6 +13,7 @@
 #include "quovix-fft.hpp"
 #include "quovix-fp.hpp"
 #include "quovix-gh.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

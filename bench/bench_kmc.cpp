@@ -24,6 +24,7 @@
 #include "quovix-fp.hpp"
 #include "quovix-gh.hpp"
 #include "quovix-kmc.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

@@ -11,6 +11,7 @@
 
 #include "bench_common.hpp"
 #include "quovix-md.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

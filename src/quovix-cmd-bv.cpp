@@ -238,22 +238,9 @@ void quovix_cmd_opt_do_text_cal_bv(QUOVIX_CMD_OPT *opt) {
         std::fputs("Error: not enough arguments.\n", stderr);
         return;
     }
-    quovix_text_ptr text{quovix_cmd_opt_cat_tail(opt)};
-    if (!text) {
-        std::fputs("Error: quovix_cmd_opt_cat_tail() returns NULL.\n", stderr);
-        return;
-    }
-    QUOVIX_CELL *c = nullptr;
-    QUOVIX_SYMMETRY *s = nullptr;
-    const int status =
-        quovix_cell_import_cif_from_text(&c, &s, text.get(), opt->dir_symcards, opt->dir_unitary);
-    quovix_cell_ptr cell{c};
-    quovix_symmetry_ptr sym{s};
-    text.reset();
-    if (status != 0) {
-        std::fputs("Error: quovix_cell_import_cif_from_text() returns non-zero.\n", stderr);
-        return;
-    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!quovix_cmd_read_cif_text(opt, cell, sym)) return;
     print_bv_and_gii(opt, cell.get(), sym.get());
 }
 

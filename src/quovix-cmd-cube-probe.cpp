@@ -95,14 +95,7 @@ void run(QUOVIX_CMD_OPT *opt, kind k) {
     args.read_flag(next + 1, periodic);
     char filename[QUOVIX_PATH_LEN];
     const char *suffix[] = {".gii.cube", ".tot.cube", ".tot-eam.cube"};
-    if (args.has(next + 2))
-        std::snprintf(filename, sizeof filename, "%s", args.c_str(next + 2));
-    else
-        quovix_cmd_name_replace_ext(filename, args.c_str(0), suffix[static_cast<int>(k)]);
-    if (quovix_output_check(filename, args.c_str(0)) != 0) {
-        std::fputs("Error: quovix_output_check() returns non-zero.\n", stderr);
-        return;
-    }
+    if (!quovix_cmd_output_name(args, next + 2, suffix[static_cast<int>(k)], filename)) return;
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
     if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;

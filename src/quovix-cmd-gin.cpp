@@ -66,14 +66,7 @@ void gen_library(QUOVIX_CMD_OPT *opt, bool eam) {
     double sf = 0.0;
     if (!quovix_cmd_read_sf(args, 1, sf)) return;
     char filename[QUOVIX_PATH_LEN];
-    if (args.has(2))
-        std::snprintf(filename, sizeof filename, "%s", args.c_str(2));
-    else
-        quovix_cmd_name_replace_ext(filename, args.c_str(0), ".lib");
-    if (quovix_output_check(filename, args.c_str(0)) != 0) {
-        std::fputs("Error: quovix_output_check() returns non-zero.\n", stderr);
-        return;
-    }
+    if (!quovix_cmd_output_name(args, 2, ".lib", filename)) return;
     quovix_cell_ptr cell;
     quovix_property_ptr ppt;
     if (!load(opt, args.c_str(0), sf, cell, ppt)) return;
@@ -99,22 +92,9 @@ void text_library(QUOVIX_CMD_OPT *opt, bool with_sf) {
         std::fputs("Error: not enough arguments.\n", stderr);
         return;
     }
-    quovix_text_ptr text{quovix_cmd_opt_cat_tail(opt)};
-    if (!text) {
-        std::fputs("Error: quovix_cmd_opt_cat_tail() returns NULL.\n", stderr);
-        return;
-    }
-    QUOVIX_CELL *c = nullptr;
-    QUOVIX_SYMMETRY *s = nullptr;
-    const int status =
-        quovix_cell_import_cif_from_text(&c, &s, text.get(), opt->dir_symcards, opt->dir_unitary);
-    quovix_cell_ptr cell{c};
-    quovix_symmetry_ptr sym{s};
-    text.reset();
-    if (status != 0) {
-        std::fputs("Error: quovix_cell_import_cif_from_text() returns non-zero.\n", stderr);
-        return;
-    }
+    quovix_cell_ptr cell;
+    quovix_symmetry_ptr sym;
+    if (!quovix_cmd_read_cif_text(opt, cell, sym)) return;
     double sf = -1.0;
     if (with_sf && std::sscanf(opt->argv[2], "%lf", &sf) != 1) {
         std::fputs("Error: wrong parameter sf.\n", stderr);
@@ -190,14 +170,7 @@ void quovix_cmd_opt_do_gen_gin(QUOVIX_CMD_OPT *opt) {
     }
     if (!(production > 0.0)) production = default_production;
     char filename[QUOVIX_PATH_LEN];
-    if (args.has(6))
-        std::snprintf(filename, sizeof filename, "%s", args.c_str(6));
-    else
-        quovix_cmd_name_replace_ext(filename, args.c_str(0), ".gin");
-    if (quovix_output_check(filename, args.c_str(0)) != 0) {
-        std::fputs("Error: quovix_output_check() returns non-zero.\n", stderr);
-        return;
-    }
+    if (!quovix_cmd_output_name(args, 6, ".gin", filename)) return;
     quovix_cell_ptr cell;
     quovix_property_ptr ppt;
     if (!load(opt, args.c_str(0), sf, cell, ppt)) return;

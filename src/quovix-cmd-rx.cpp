@@ -174,14 +174,7 @@ void quovix_cmd_opt_do_rx_sd(QUOVIX_CMD_OPT *opt) {
     if (!quovix_cmd_read_sf(args, 1, sf) || !read_count(args, 2, max_steps, steps, "steps")) return;
     args.read_flag(3, lattice);
     char filename[QUOVIX_PATH_LEN];
-    if (args.has(4))
-        std::snprintf(filename, sizeof filename, "%s", args.c_str(4));
-    else
-        quovix_cmd_name_replace_ext(filename, args.c_str(0), ".rx.cif");
-    if (quovix_output_check(filename, args.c_str(0)) != 0) {
-        std::fputs("Error: quovix_output_check() returns non-zero.\n", stderr);
-        return;
-    }
+    if (!quovix_cmd_output_name(args, 4, ".rx.cif", filename)) return;
     quovix_cell_ptr cell;
     quovix_symmetry_ptr sym;
     if (!quovix_cmd_read_cif(opt, args.c_str(0), cell, sym)) return;

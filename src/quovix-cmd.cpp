@@ -11,6 +11,7 @@
 
 #include "quovix-alloc.hpp"
 #include "quovix-import.hpp"
+#include "quovix-io.hpp"
 
 namespace {
 
@@ -285,6 +286,41 @@ bool quovix_cmd_read_cif(const QUOVIX_CMD_OPT *opt, const char *path, quovix_cel
         cell.reset();
         symmetry.reset();
         std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
+        return false;
+    }
+    return true;
+}
+
+bool quovix_cmd_read_cif_text(QUOVIX_CMD_OPT *opt, quovix_cell_ptr &cell,
+                              quovix_symmetry_ptr &symmetry) {
+    quovix_text_ptr text{quovix_cmd_opt_cat_tail(opt)};
+    if (!text) {
+        std::fputs("Error: quovix_cmd_opt_cat_tail() returns NULL.\n", stderr);
+        return false;
+    }
+    QUOVIX_CELL *c = nullptr;
+    QUOVIX_SYMMETRY *s = nullptr;
+    const int status =
+        quovix_cell_import_cif_from_text(&c, &s, text.get(), opt->dir_symcards, opt->dir_unitary);
+    cell.reset(c);
+    symmetry.reset(s);
+    if (status != 0) {
+        cell.reset();
+        symmetry.reset();
+        std::fputs("Error: quovix_cell_import_cif_from_text() returns non-zero.\n", stderr);
+        return false;
+    }
+    return true;
+}
+
+bool quovix_cmd_output_name(const quovix_args &args, std::size_t i, const char *suffix,
+                            char out[QUOVIX_PATH_LEN]) {
+    if (args.has(i))
+        std::snprintf(out, QUOVIX_PATH_LEN, "%s", args.c_str(i));
+    else
+        quovix_cmd_name_replace_ext(out, args.c_str(0), suffix);
+    if (quovix_output_check(out, args.c_str(0)) != 0) {
+        std::fputs("Error: quovix_output_check() returns non-zero.\n", stderr);
         return false;
     }
     return true;

@@ -63,6 +63,15 @@ void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input, c
 /// non-zero." is printed and the result is false.
 [[nodiscard]] bool quovix_cmd_read_cif(const QUOVIX_CMD_OPT *opt, const char *path,
                                        quovix_cell_ptr &cell, quovix_symmetry_ptr &symmetry);
+/// Reads the CIF given as the command's trailing words (text mode: quovix_cmd_opt_cat_tail)
+/// like quovix_cmd_read_cif; on failure prints the chain's error line and returns false.
+[[nodiscard]] bool quovix_cmd_read_cif_text(QUOVIX_CMD_OPT *opt, quovix_cell_ptr &cell,
+                                            quovix_symmetry_ptr &symmetry);
+/// Result file name: word i when given, else the input (word 0) with its extension replaced by
+/// `suffix`; checked with quovix_output_check before any calculation. False after the error
+/// line when the file cannot be written.
+[[nodiscard]] bool quovix_cmd_output_name(const quovix_args &args, std::size_t i,
+                                          const char *suffix, char out[QUOVIX_PATH_LEN]);
 /// The one way to print a usage block ("Command: ..." and "Example: ..." lines): each line as
 /// given (the lines carry their own line ends), on standard output.
 void quovix_cmd_print_lines(std::initializer_list<const char *> lines);

@@ -18,6 +18,7 @@
 #include "quovix-images.hpp"
 #include "quovix-import.hpp"
 #include "quovix-pair.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

@@ -26,9 +26,3 @@ QUOVIX_CUBE *quovix_cube_by_gii_calculate(QUOVIX_CELL *cell, QUOVIX_PROPERTY *pp
 /// (a constant). New cube, or null after the reason.
 QUOVIX_CUBE *quovix_cube_by_tot_en_calculate(QUOVIX_CELL *cell, QUOVIX_SYMMETRY *symmetry,
                                              QUOVIX_PROPERTY *ppt, double resolution, bool eam);
-
-/// The probe terms at one Cartesian point by the plain loop over every atom and every lattice
-/// image (the reference of the grid loops): the GII as above and the embedding change in eV.
-/// 0 on success, 1 after an error line.
-int quovix_cube_probe_point_plain(double *gii, double *eam, QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt,
-                                  const double r[3]);

@@ -24,6 +24,7 @@
 
 #include "quovix-gh.hpp"
 #include "quovix-la.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

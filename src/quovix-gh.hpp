@@ -182,8 +182,6 @@ bool quovix_graph_cycles_is_connected(QUOVIX_GRAPH_CYCLE **cycles, long count);
 /// pairs and triples stops as soon as no remaining combination can improve. Null on failure;
 /// release with quovix_graph_network_free before the cycle list.
 QUOVIX_GRAPH_NETWORK *quovix_graph_network_new_from_cycle_list(QUOVIX_LIST *list);
-/// Reference search over every pair and triple; same result as the function above.
-QUOVIX_GRAPH_NETWORK *quovix_graph_network_new_from_cycle_list_plain(QUOVIX_LIST *list);
 /// The ".gh.txt" summary (CR LF lines): the dots along the cycles of each network kind.
 QUOVIX_TEXT *quovix_graph_network_export_to_text(QUOVIX_GRAPH_NETWORK *network,
                                                  QUOVIX_FPHALF_LIST *list,

@@ -1,5 +1,7 @@
 // Parameter sets: species of a cell, per-species and per-pair parameters read from the two
 // parameter files, estimates of missing pairs and the values derived from them.
+#include <algorithm>
+#include <cctype>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -31,10 +33,44 @@ bool same_species(const QUOVIX_ATOM &a, const QUOVIX_ATOM &b) {
     return same_type(a.type, b.type) && a.os == b.os;
 }
 
+// A data line of a parameter file with its key fields parsed once: the symbol and oxidation
+// state of a unitary line ("Z symbol os ..."), or both of a binary line ("type1 os1 type2 os2
+// ..."). A record is matched by comparing keys, and only a matching line is parsed in full, so
+// that a set of n species reads each file once instead of n^2 times.
+struct keyed_line {
+    std::string text;
+    std::string type1, type2;
+    int os1 = 0, os2 = 0;
+    bool keyed = false;  // the key fields were readable
+};
+
+enum class line_kind { unitary, binary };
+
+// Reads the next word as sscanf's "%s" does (leading white space skipped); false at the end.
+bool next_word(const char *&p, std::string &word) {
+    while (std::isspace(static_cast<unsigned char>(*p))) ++p;
+    const char *begin = p;
+    while (*p != '\0' && !std::isspace(static_cast<unsigned char>(*p))) ++p;
+    word.assign(begin, p);
+    return p != begin;
+}
+
+// Reads the next integer as sscanf's "%d" does; false when there is none. A value beyond the
+// range of int saturates, which no species can match.
+bool next_int(const char *&p, int &value) {
+    char *end = nullptr;
+    const long v = std::strtol(p, &end, 10);
+    if (end == p) return false;
+    p = end;
+    value = static_cast<int>(std::clamp<long>(v, INT_MIN, INT_MAX));
+    return true;
+}
+
 // Data lines of a parameter file: everything after the line containing "DATA_START" up to the
 // line containing "DATA_END" (excluded) or the end of the file. Lines are read as fgets
 // chunks of 1023 characters, so an overlong line is seen as several lines.
-[[nodiscard]] bool load_data_lines(const char *path, std::vector<std::string> &lines) {
+[[nodiscard]] bool load_data_lines(const char *path, line_kind kind,
+                                   std::vector<keyed_line> &lines) {
     quovix_file_ptr file{path ? std::fopen(path, "rb") : nullptr};
     if (!file) return false;
     char buf[line_buffer_size];
@@ -45,7 +81,17 @@ bool same_species(const QUOVIX_ATOM &a, const QUOVIX_ATOM &b) {
             continue;
         }
         if (std::strstr(buf, "DATA_END") != nullptr) break;
-        lines.emplace_back(buf);
+        keyed_line line;
+        line.text = buf;
+        const char *p = buf;
+        int z = 0;
+        if (kind == line_kind::unitary) {
+            line.keyed = next_int(p, z) && next_word(p, line.type1) && next_int(p, line.os1);
+        } else {
+            line.keyed = next_word(p, line.type1) && next_int(p, line.os1) &&
+                         next_word(p, line.type2) && next_int(p, line.os2);
+        }
+        lines.push_back(std::move(line));
     }
     return true;
 }
@@ -113,9 +159,10 @@ match_result match_binary(QUOVIX_PROPERTY_BINARY *bin, const char *line) {
 }
 
 [[nodiscard]] int read_unitary_from_lines(QUOVIX_PROPERTY_UNITARY *uni,
-                                          const std::vector<std::string> &lines) {
-    for (const std::string &line : lines) {
-        const match_result r = match_unitary(uni, line.c_str());
+                                          const std::vector<keyed_line> &lines) {
+    for (const keyed_line &line : lines) {
+        if (!line.keyed || line.os1 != uni->os || line.type1 != uni->type) continue;
+        const match_result r = match_unitary(uni, line.text.c_str());
         if (r == match_result::found) return 0;
         if (r == match_result::unreadable) {
             std::fputs("Error: unable read QUOVIX_PROPERTY_UNITARY.\n", stderr);
@@ -126,9 +173,13 @@ match_result match_binary(QUOVIX_PROPERTY_BINARY *bin, const char *line) {
 }
 
 [[nodiscard]] int read_binary_from_lines(QUOVIX_PROPERTY_BINARY *bin,
-                                         const std::vector<std::string> &lines) {
-    for (const std::string &line : lines) {
-        const match_result r = match_binary(bin, line.c_str());
+                                         const std::vector<keyed_line> &lines) {
+    for (const keyed_line &line : lines) {
+        if (!line.keyed || line.os1 != bin->os1 || line.os2 != bin->os2 ||
+            line.type1 != bin->type1 || line.type2 != bin->type2) {
+            continue;
+        }
+        const match_result r = match_binary(bin, line.text.c_str());
         if (r == match_result::found) return 0;
         if (r == match_result::unreadable) {
             std::fputs("Error: unable read QUOVIX_PROPERTY_BINARY.\n", stderr);
@@ -264,9 +315,9 @@ int quovix_property_update_read_from_file(QUOVIX_PROPERTY *ppt, const QUOVIX_CEL
         return 1;
     }
     return quovix_guard("parameter file lines", [&]() -> int {
-        std::vector<std::string> unitary_lines, binary_lines;
-        const bool unitary_ok = load_data_lines(dir_unitary, unitary_lines);
-        const bool binary_ok = load_data_lines(dir_binary, binary_lines);
+        std::vector<keyed_line> unitary_lines, binary_lines;
+        const bool unitary_ok = load_data_lines(dir_unitary, line_kind::unitary, unitary_lines);
+        const bool binary_ok = load_data_lines(dir_binary, line_kind::binary, binary_lines);
         for (int i = 0; i < ppt->total; ++i) {
             QUOVIX_PROPERTY_UNITARY *uni = &ppt->uni[i];
             copy_type(uni->type, ppt->type[i]);

@@ -10,6 +10,8 @@
 
 #include "quovix-import.hpp"
 #include "quovix-la.hpp"
+#include "quovix-pair.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 
@@ -583,9 +585,17 @@ QUOVIX_KMC *quovix_kmc_new(QUOVIX_GRAPH *graph, QUOVIX_PROPERTY *ppt, double cut
         return nullptr;
     }
     if (cutoff < 0.0) cutoff = QUOVIX_KMC_CUTOFF_DEFAULT;
-    const QUOVIX_PROPERTY_UNITARY &uni = ppt->uni[ppt->conducting];
-    const double qq = uni.q * uni.q;
-    const double r_eff = ppt->sf * 2.0 * uni.rc;
+    // The repulsion between mobile ions: the like-charged term of the pair table.
+    quovix_pair_table table;
+    if (quovix_guard("pair table", [&] { return quovix_pair_table_build(table, ppt) ? 0 : 1; }) !=
+        0) {
+        std::fputs("Error: QUOVIX_GRAPH or QUOVIX_PROPERTY has not been properly initialized.\n",
+                   stderr);
+        return nullptr;
+    }
+    const quovix_pair_term &self = table.term(ppt->conducting, ppt->conducting);
+    const double qq = self.q;
+    const double r_eff = ppt->sf * self.rcs;
     const frame f = make_frame(graph->a);
     if (!f.ok || !std::isfinite(cutoff) || !(graph->m > 0.0) || !std::isfinite(graph->m) ||
         (cutoff > 0.0 && (!(r_eff > 0.0) || !std::isfinite(r_eff) || !std::isfinite(qq)))) {

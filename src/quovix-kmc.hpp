@@ -135,9 +135,6 @@ int quovix_kmc_reset(QUOVIX_KMC *kmc);
 int quovix_kmc_equilibrate(QUOVIX_KMC *kmc);
 /// One residence-time step: sum tree pick, local rate refresh. 0 or 1.
 int quovix_kmc_evolve(QUOVIX_KMC *kmc);
-/// The same step by the literal algorithm: sum every rate, scan every edge, refresh by
-/// scanning (the reference of the tests and benchmarks). 0 or 1.
-int quovix_kmc_evolve_plain(QUOVIX_KMC *kmc);
 /// Equilibrates, then evolves until t_limit or step_limit, closing the error-bar blocks. 0 or 1.
 int quovix_kmc_run(QUOVIX_KMC *kmc);
 /// Prints the settings, resets, runs and prints diffusivity, mobility and conductivity. 0 or 1.

@@ -35,6 +35,8 @@
 
 #include "quovix-import.hpp"
 #include "quovix-md.hpp"
+#include "quovix-pair.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 
@@ -530,35 +532,35 @@ int quovix_md_prepare_interaction(QUOVIX_MD *md) {
             std::fputs("Error: too many atoms for the neighbour lists.\n", stderr);
             return 1;
         }
+        quovix_pair_table shared;
+        if (!quovix_pair_table_build(shared, ppt)) {
+            std::fputs("Error: QUOVIX_PROPERTY has not been properly initialized.\n", stderr);
+            return 1;
+        }
         const int total = ppt->total;
         s.total_species = total;
-        s.table.assign(static_cast<std::size_t>(total) * total, quovix_md_term{});
-        const double sf = ppt->sf;
-        for (int i = 0; i < total; ++i) {
-            for (int j = 0; j < total; ++j) {
-                quovix_md_term &t = s.table[static_cast<std::size_t>(i) * total + j];
-                const long prod = static_cast<long>(ppt->os[i]) * ppt->os[j];
-                if (prod >= 1) {
-                    t.q = ppt->uni[i].q * ppt->uni[j].q;
-                    t.r_eff = sf * (ppt->uni[i].rc + ppt->uni[j].rc);
-                    // Species without a radius (no parameter line) have no screened term.
-                    if (t.r_eff > 0.0 && std::isfinite(t.r_eff) && std::isfinite(t.q)) {
-                        t.kind = quovix_md_term::coulomb;
-                        t.range = QUOVIX_MD_CUTOFF;
-                    }
-                } else if (prod < 0) {
-                    const QUOVIX_PROPERTY_BINARY &bin =
-                        ppt->os[i] > 0 ? ppt->bin[i][j] : ppt->bin[j][i];
-                    t.d0 = bin.d0;
-                    t.rmin = bin.rmin;
-                    t.b = bin.b;
-                    t.en_s = bin.en_s;
-                    // A pair without Morse parameters (no line, no estimate) does not bond.
-                    if (bin.d0 > 0.0 && bin.rmin > 0.0 && bin.b > 0.0 && bin.cutoff > 0.0 &&
-                        std::isfinite(bin.d0)) {
-                        t.kind = quovix_md_term::bonding;
-                        t.range = std::min(QUOVIX_MD_CUTOFF, bin.cutoff);
-                    }
+        s.table.assign(shared.terms.size(), quovix_md_term{});
+        for (std::size_t k = 0; k < shared.terms.size(); ++k) {
+            const quovix_pair_term &p = shared.terms[k];
+            quovix_md_term &t = s.table[k];
+            if (p.kind == quovix_pair_kind::coulomb) {
+                t.q = p.q;
+                t.r_eff = ppt->sf * p.rcs;
+                // Species without a radius (no parameter line) have no screened term.
+                if (t.r_eff > 0.0 && std::isfinite(t.r_eff) && std::isfinite(t.q)) {
+                    t.kind = quovix_md_term::coulomb;
+                    t.range = QUOVIX_MD_CUTOFF;
+                }
+            } else if (p.kind == quovix_pair_kind::bonding) {
+                t.d0 = p.d0;
+                t.rmin = p.rmin;
+                t.b = p.b;
+                t.en_s = p.en_s;
+                // A pair without Morse parameters (no line, no estimate) does not bond.
+                if (p.d0 > 0.0 && p.rmin > 0.0 && p.b > 0.0 && p.cutoff > 0.0 &&
+                    std::isfinite(p.d0)) {
+                    t.kind = quovix_md_term::bonding;
+                    t.range = std::min(QUOVIX_MD_CUTOFF, p.cutoff);
                 }
             }
         }

@@ -157,9 +157,6 @@ double (*quovix_md_calculate_force(QUOVIX_MD *md))[3];
 /// Forces (f may be null), potential energy and virial (each may be null) of the free atoms,
 /// with neighbour lists; same contacts and summation order as the plain loop. 0 or 1.
 int quovix_md_calculate_interaction(QUOVIX_MD *md, double (*f)[3], double *en_p, double *virial);
-/// The same by the plain loop over every atom and every lattice image (test reference).
-int quovix_md_calculate_interaction_plain(QUOVIX_MD *md, double (*f)[3], double *en_p,
-                                          double *virial);
 /// Pair table, lattice frame and free-atom list of the run (from its cell and parameter set).
 int quovix_md_prepare_interaction(QUOVIX_MD *md);
 /// Virial of the fixed atoms among themselves (eV), computed once per run; NaN on failure.

@@ -261,12 +261,18 @@ struct pair_setup {
     }
 };
 
-[[nodiscard]] bool make_setup(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, pair_setup &s) {
+// Everything of a setup but the image cloud; prints the cause of a failure.
+[[nodiscard]] bool prepare_setup(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, pair_setup &s) {
     s.range = energy_range(ppt);
     if (!make_frame(cell, s.range, s.f)) return false;
     if (!species_of_atoms(cell, ppt, s.sp)) return false;
     s.table = pair_table(ppt, s.range);
     s.total = ppt->total;
+    return true;
+}
+
+[[nodiscard]] bool make_setup(QUOVIX_CELL *cell, QUOVIX_PROPERTY *ppt, pair_setup &s) {
+    if (!prepare_setup(cell, ppt, s)) return false;
     build_cloud(cell, s.f, s.range, s.sp, s.cloud);
     return true;
 }
@@ -385,62 +391,78 @@ double pair_energy_sum(const QUOVIX_CELL *cell, const pair_setup &s, double sf) 
 // only, and each iteration meets the other threads once.
 // ---------------------------------------------------------------------------------------------
 struct atom_contacts {
-    double bond = 0.0;                 // bonding energy of the atom's contacts (reduced units)
-    std::vector<double> d, w;          // Coulomb contacts grouped by partner species, by d
-    std::vector<double> tail;          // tail[c]: total weight of contacts c.. of its group
-    std::vector<std::uint32_t> start;  // first contact of each partner species; total + 1
+    double bond = 0.0;  // bonding energy of the atom's contacts (reduced units)
+    // The n Coulomb contacts, grouped by partner species and sorted by distance within a
+    // group, as three arrays in one block: d[0..n), w[n..2n) (occ_i occ_j), and tail[2n..3n),
+    // the total weight of a contact and the farther ones of its group.
+    // The groups' bounds are kept by the cell (fit_models::groups).
+    std::vector<double> v;
+    std::size_t size() const { return v.size() / 3; }
 };
 
 struct fit_models {
     std::vector<pair_setup> setups;                 // one per strained cell
     std::vector<std::vector<atom_contacts>> atoms;  // [cell][atom]
-    std::vector<long> first;                        // first work item of each cell; cells + 1
+    // [cell][atom * (species + 1) + g]: first contact of partner species g in the atom's lists,
+    // the last entry their end (all 0 for an ignored atom).
+    std::vector<std::vector<std::uint32_t>> groups;
+    std::size_t stride = 0;   // species + 1
+    std::vector<long> first;  // first work item of each cell; cells + 1
     std::size_t cell_of(long item) const {
         return static_cast<std::size_t>(std::upper_bound(first.begin(), first.end(), item) -
                                         first.begin() - 1);
     }
 };
 
-struct coulomb_contact {
+// A Coulomb contact while the lists are built: `order` is its rank in the visiting order, which
+// breaks ties of distance so that the sorted lists do not depend on the sort algorithm.
+struct found_contact {
     double d;
-    double w;  // occ_i occ_j
+    double w;
+    std::uint32_t order;
 };
 
 // The contact lists of atom i of a cell; `scratch` is the calling thread's work space.
+// `start` receives the bounds of the species groups (species + 1 entries).
 void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, atom_contacts &out,
-                         std::vector<std::vector<coulomb_contact>> &scratch) {
+                         std::uint32_t *start, std::vector<std::vector<found_contact>> &scratch) {
     if (cell->atom[i].ignored) return;
     const double occ_i = cell->atom[i].occ;
     scratch.resize(static_cast<std::size_t>(s.total));
     for (auto &list : scratch) list.clear();
     double e = 0.0;
+    std::uint32_t order = 0;
+    std::size_t count = 0;
     for_each_contact(cell, s, i, [&](long j, const pair_term &t, double d, const double *) {
         const double w = occ_i * cell->atom[j].occ;
         if (t.kind == term_kind::coulomb) {
-            scratch[static_cast<std::size_t>(s.sp[j])].push_back({d, w});
+            scratch[static_cast<std::size_t>(s.sp[j])].push_back({d, w, order++});
+            ++count;
         } else {
             e += w * term_energy(t, d, 0.0, 0.0);
         }
     });
     out.bond = e;
-    out.start.assign(1, 0);
+    out.v.resize(3 * count);
+    double *d = out.v.data(), *w = d + count, *tail = w + count;
+    std::size_t n = 0;
+    start[0] = 0;
     for (auto &list : scratch) {
-        std::stable_sort(
-            list.begin(), list.end(),
-            [](const coulomb_contact &x, const coulomb_contact &y) { return x.d < y.d; });
-        for (const coulomb_contact &c : list) {
-            out.d.push_back(c.d);
-            out.w.push_back(c.w);
+        std::sort(list.begin(), list.end(), [](const found_contact &x, const found_contact &y) {
+            return x.d < y.d || (x.d == y.d && x.order < y.order);
+        });
+        const std::size_t first = n;
+        for (const found_contact &f : list) {
+            d[n] = f.d;
+            w[n] = f.w;
+            ++n;
         }
-        out.start.push_back(static_cast<std::uint32_t>(out.d.size()));
-    }
-    out.tail.assign(out.d.size(), 0.0);
-    for (std::size_t g = 0; g + 1 < out.start.size(); ++g) {
         double sum = 0.0;
-        for (std::uint32_t c = out.start[g + 1]; c > out.start[g]; --c) {
-            sum += out.w[c - 1];
-            out.tail[c - 1] = sum;
+        for (std::size_t k = n; k > first; --k) {
+            sum += w[k - 1];
+            tail[k - 1] = sum;
         }
+        start[&list - scratch.data() + 1] = static_cast<std::uint32_t>(n);
     }
 }
 
@@ -450,18 +472,26 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     fm.setups.resize(cells);
     fm.atoms.resize(cells);
     fm.first.assign(1, 0);
-    // The first cell alone, so that a failure prints its reason once; the other five (the same
-    // atoms, strained by 1e-4) on all threads.
-    if (cells == 0 || !make_setup(copies[0].get(), ppt, fm.setups[0])) return false;
+    fm.groups.resize(cells);
+    // The strained copies have the atoms, species and pair table of the first: only their
+    // frames differ. Failures print their reason once; the image clouds, the costly part, are
+    // built on all threads.
+    if (cells == 0 || !prepare_setup(copies[0].get(), ppt, fm.setups[0])) return false;
+    for (std::size_t c = 1; c < cells; ++c) {
+        pair_setup &s = fm.setups[c];
+        s.range = fm.setups[0].range;
+        if (!make_frame(copies[c].get(), s.range, s.f)) return false;
+        s.sp = fm.setups[0].sp;
+        s.table = fm.setups[0].table;
+        s.total = fm.setups[0].total;
+    }
     bool ready = true;
 #pragma omp parallel for schedule(dynamic, 1)
-    for (long c = 1; c < static_cast<long>(cells); ++c) {
-        bool done = false;
+    for (long c = 0; c < static_cast<long>(cells); ++c) {
+        pair_setup &s = fm.setups[static_cast<std::size_t>(c)];
         try {
-            done = make_setup(copies[c].get(), ppt, fm.setups[c]);
+            build_cloud(copies[c].get(), s.f, s.range, s.sp, s.cloud);
         } catch (...) {
-        }
-        if (!done) {
 #pragma omp atomic write
             ready = false;
         }
@@ -470,22 +500,25 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
         std::fputs("Error: unable to allocate contact lists.\n", stderr);
         return false;
     }
+    fm.stride = static_cast<std::size_t>(fm.setups[0].total) + 1;
     for (std::size_t c = 0; c < cells; ++c) {
         fm.atoms[c].resize(static_cast<std::size_t>(std::max(copies[c]->total, 0L)));
+        fm.groups[c].assign(fm.atoms[c].size() * fm.stride, 0);
         fm.first.push_back(fm.first.back() + static_cast<long>(fm.atoms[c].size()));
     }
     const long items = fm.first.back();
     bool ok = true;
 #pragma omp parallel
     {
-        std::vector<std::vector<coulomb_contact>> scratch;
+        std::vector<std::vector<found_contact>> scratch;
 #pragma omp for schedule(dynamic, 4)
         for (long it = 0; it < items; ++it) {
             const std::size_t c = fm.cell_of(it);
             const long i = it - fm.first[c];
             try {
-                build_atom_contacts(copies[c].get(), fm.setups[c], i,
-                                    fm.atoms[c][static_cast<std::size_t>(i)], scratch);
+                const auto at = static_cast<std::size_t>(i);
+                build_atom_contacts(copies[c].get(), fm.setups[c], i, fm.atoms[c][at],
+                                    &fm.groups[c][at * fm.stride], scratch);
             } catch (...) {
 #pragma omp atomic write
                 ok = false;
@@ -499,34 +532,24 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     return true;
 }
 
-// Frees the contact lists (thousands of small vectors) and the strained cells on all threads,
-// instead of leaving them to the destructors on one.
-void release_fit_models(fit_models &fm, std::vector<quovix_cell_ptr> &copies) {
-#pragma omp parallel for schedule(static)
-    for (long c = 0; c < static_cast<long>(copies.size()); ++c) copies[c].reset();
-    const long items = fm.first.empty() ? 0 : fm.first.back();
-#pragma omp parallel for schedule(static)
-    for (long it = 0; it < items; ++it) {
-        const std::size_t c = fm.cell_of(it);
-        fm.atoms[c][static_cast<std::size_t>(it - fm.first[c])] = atom_contacts{};
-    }
-}
-
 // Energy (reduced units) of one atom's contacts at screening factor sf.
-double atom_energy(const atom_contacts &a, const pair_term *terms, const double *shift, double sf) {
+double atom_energy(const atom_contacts &a, const std::uint32_t *start, std::size_t groups,
+                   const pair_term *terms, const double *shift, double sf) {
     double e = a.bond;
-    for (std::size_t g = 0; g + 1 < a.start.size(); ++g) {
-        const std::uint32_t begin = a.start[g], end = a.start[g + 1];
+    const std::size_t n = a.size();
+    const double *d = a.v.data(), *w = d + n, *tail = w + n;
+    for (std::size_t g = 0; g < groups; ++g) {
+        const std::uint32_t begin = start[g], end = start[g + 1];
         if (begin == end) continue;
         const pair_term &t = terms[g];
         const double r_eff = sf * t.rcs;
         // Contacts beyond d / r_eff = 6 carry only the shift.
-        const double *cut = std::partition_point(&a.d[begin], &a.d[begin] + (end - begin),
-                                                 [r_eff](double d) { return !(d / r_eff > 6.0); });
-        const auto screened = static_cast<std::uint32_t>(cut - a.d.data());
+        const double *cut = std::partition_point(d + begin, d + end,
+                                                 [r_eff](double x) { return !(x / r_eff > 6.0); });
+        const auto screened = static_cast<std::uint32_t>(cut - d);
         for (std::uint32_t c = begin; c < screened; ++c)
-            e += a.w[c] * coulomb_energy(a.d[c], t.q, r_eff, shift[g]);
-        if (screened < end) e -= a.tail[screened] * shift[g];
+            e += w[c] * coulomb_energy(d[c], t.q, r_eff, shift[g]);
+        if (screened < end) e -= tail[screened] * shift[g];
     }
     return e;
 }
@@ -544,10 +567,10 @@ void fit_energies(const fit_models &fm, const std::vector<quovix_cell_ptr> &copi
     for (long it = 0; it < items; ++it) {
         const std::size_t c = fm.cell_of(it);
         const auto i = static_cast<std::size_t>(it - fm.first[c]);
-        const atom_contacts &a = fm.atoms[c][i];
-        if (a.start.empty()) continue;  // ignored atom
         const std::size_t row = static_cast<std::size_t>(fm.setups[c].sp[i]) * s0.total;
-        partial[static_cast<std::size_t>(it)] = atom_energy(a, &s0.table[row], &shift_all[row], sf);
+        partial[static_cast<std::size_t>(it)] =
+            atom_energy(fm.atoms[c][i], &fm.groups[c][i * fm.stride], fm.stride - 1, &s0.table[row],
+                        &shift_all[row], sf);
     }
     energy.assign(copies.size(), 0.0);
     for (std::size_t c = 0; c < copies.size(); ++c) {
@@ -875,7 +898,6 @@ int quovix_property_calculate_screening_factor(QUOVIX_PROPERTY *ppt, QUOVIX_CELL
         }
         ppt->sf = sf;
         std::printf("Message: final screening factor = %f\n", sf);
-        release_fit_models(models, copies);
         return 0;
     });
     return status == 0 ? 0 : -1;

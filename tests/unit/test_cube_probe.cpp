@@ -7,6 +7,7 @@
 #include "import_test_helpers.hpp"
 #include "quovix-bv.hpp"
 #include "quovix-cube-probe.hpp"
+#include "quovix-reference.hpp"
 #include "quovix-rx.hpp"
 
 namespace {

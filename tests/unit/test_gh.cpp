@@ -14,6 +14,7 @@
 #include "quovix-fp.hpp"
 #include "quovix-gh.hpp"
 #include "quovix-import.hpp"
+#include "quovix-reference.hpp"
 
 namespace {
 

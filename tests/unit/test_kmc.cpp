@@ -16,6 +16,7 @@
 #include "quovix-gh.hpp"
 #include "quovix-import.hpp"
 #include "quovix-kmc.hpp"
+#include "quovix-reference.hpp"
 #include "temp_dir.hpp"
 
 namespace {
@@ -132,6 +133,7 @@ quovix_graph_ptr lattice_copies(int copies, int n, double s, bool line, double b
 quovix_property_ptr mobile_ppt(double q, double rc, double sf) {
     quovix_property_ptr ppt{quovix_property_new(1)};
     ppt->conducting = 0;
+    ppt->os[0] = 1;
     ppt->sf = sf;
     ppt->uni[0].q = q;
     ppt->uni[0].rc = rc;

@@ -16,6 +16,7 @@
 
 #include "import_test_helpers.hpp"
 #include "quovix-md.hpp"
+#include "quovix-reference.hpp"
 #include "quovix-rx.hpp"
 
 namespace {
