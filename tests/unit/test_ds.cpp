@@ -10,11 +10,6 @@
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
 using list_ptr = std::unique_ptr<QUOVIX_LIST, quovix_deleter<quovix_list_free>>;
 
 // Counts the calls of the release function, separately for null data.
@@ -42,9 +37,6 @@ TEST(List, NewListIsEmpty) {
     ASSERT_TRUE(list);
     EXPECT_EQ(quovix_list_pop(list.get()), nullptr);
     EXPECT_EQ(quovix_list_dequeue(list.get()), nullptr);
-    CaptureStdout();
-    quovix_list_print(list.get());
-    EXPECT_EQ(GetCapturedStdout(), "QUOVIX_LIST: head^->tail^\n");
 }
 
 TEST(List, StackIsLastInFirstOutAndQueueFirstInFirstOut) {

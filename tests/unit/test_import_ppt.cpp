@@ -20,9 +20,7 @@ using test_import::species_cell;
 const std::string kUnitary = test_import::unitary();
 const std::string kBinary = test_import::binary();
 
-std::string write_temp(const std::string &name, const std::string &text) {
-    return test_import::write_temp_file("quovix_test_ppt_" + name, text);
-}
+using test_import::write_temp;
 
 // Species list plus file data only (no derived stages), for stage-by-stage tests.
 quovix_property_ptr read_set(QUOVIX_CELL *cell, const std::string &unitary,

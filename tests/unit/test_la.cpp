@@ -139,8 +139,8 @@ TEST(LinearSystems, LuFactorsSatisfyPaEqualsLu) {
         for (int i = 0; i < 3; i++) {
             EXPECT_EQ(L[i][i], 1.0);
             for (int j = 0; j < 3; j++) {
-                if (j < i) EXPECT_EQ(U[i][j], 0.0);
-                if (j > i) EXPECT_EQ(L[i][j], 0.0);
+                EXPECT_EQ(j < i ? U[i][j] : 0.0, 0.0);
+                EXPECT_EQ(j > i ? L[i][j] : 0.0, 0.0);
             }
         }
     }
