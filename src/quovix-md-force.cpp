@@ -23,8 +23,10 @@
 // lattice translation between an ion's unwrapped and wrapped position is tracked, so that a
 // list entry is translated into the image of the plain loop and its distance is computed with
 // the plain loop's own arithmetic. Both loops therefore see the same contacts with the same
-// numbers in the same order: their sums agree exactly, for any number of threads (each free
-// ion is summed by one thread; the per-ion energies are added in ion order).
+// distances in the same order. The energies and the virial then agree exactly; the forces,
+// whose pair derivatives are evaluated in batches with the vector exp and erfc, agree to a few
+// units in the last place of each term. Every result is the same for any number of threads
+// (each free ion is summed by one thread; the per-ion sums are added in ion order).
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -65,6 +67,44 @@ inline double term_energy(const quovix_md_term &t, double d) {
     if (t.kind == quovix_md_term::coulomb) return quovix_energy_coulombic(d, t.q, t.r_eff);
     return quovix_energy_bonding_with_energy_shift(d, t.d0, t.rmin, t.b, t.en_s);
 }
+
+// The counted contacts of one ion, by kind, with what their derivatives need; evaluate()
+// writes 14.39964 phi'(d) / d of each into pair_q at its list index.
+struct force_batch {
+    std::vector<long> bg, cg;                      // list indices
+    std::vector<double> bd, bd0, brmin, bb, bout;  // bonded
+    std::vector<double> cd, cq, creff, cout;       // Coulomb
+
+    void clear() {
+        for (auto *v : {&bg, &cg}) v->clear();
+        for (auto *v : {&bd, &bd0, &brmin, &bb, &cd, &cq, &creff}) v->clear();
+    }
+    void add(long g, double d, const quovix_md_term &t) {
+        if (t.kind == quovix_md_term::coulomb) {
+            cg.push_back(g);
+            cd.push_back(d);
+            cq.push_back(t.q);
+            creff.push_back(t.r_eff);
+        } else {
+            bg.push_back(g);
+            bd.push_back(d);
+            bd0.push_back(t.d0);
+            brmin.push_back(t.rmin);
+            bb.push_back(t.b);
+        }
+    }
+    void evaluate(double *pair_q) {
+        bout.resize(bd.size());
+        cout.resize(cd.size());
+        quovix_pair_bonding_force_batch(bd.data(), bd0.data(), brmin.data(), bb.data(), bd.size(),
+                                        bout.data());
+        quovix_pair_coulomb_force_batch(cd.data(), cq.data(), creff.data(), cd.size(), cout.data());
+        for (std::size_t k = 0; k < bg.size(); ++k)
+            pair_q[bg[k]] = QUOVIX_COULOMB * bout[k] / bd[k];
+        for (std::size_t k = 0; k < cg.size(); ++k)
+            pair_q[cg[k]] = QUOVIX_COULOMB * cout[k] / cd[k];
+    }
+};
 
 // Sums of one free ion, filled by one thread.
 struct ion_sum {
@@ -407,41 +447,57 @@ int quovix_md_calculate_interaction(QUOVIX_MD *md, double (*f)[3], double *en_p,
         }
         const QUOVIX_CELL *cell = md->cell;
         const double warn2 = QUOVIX_MD_WARN_DISTANCE * QUOVIX_MD_WARN_DISTANCE;
-        // Pass 1: phi'(d)/d of the owned entries (14.39964 included; 0 when not counted).
-#pragma omp parallel for schedule(dynamic, 1) if (parallel)
-        for (long q = 0; q < nfree; ++q) {
-            const long i = s.free[q];
-            const QUOVIX_ATOM &ai = cell->atom[i];
-            const std::vector<quovix_md_contact> &list = s.lists[q];
-            const long first = s.list_offset[q];
-            for (std::size_t e = 0; e < list.size(); ++e) {
-                const long g = first + static_cast<long>(e);
-                const long partner = s.mirror[g];
-                if (partner >= 0 && partner < g) continue;  // evaluated by its partner
-                s.pair_q[g] = 0.0;
-                const quovix_md_contact &c = list[e];
-                long k[3];
-                if (!image(i, c, k)) continue;
-                const QUOVIX_ATOM &aj = cell->atom[c.j];
-                const quovix_md_term &t =
-                    s.table[static_cast<std::size_t>(s.species[i]) * s.total_species +
-                            s.species[c.j]];
-                double v[3];
-                image_vector(s.frame.a, ai.x, aj.x, k, v);
-                const double d2 = v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
-                // Far contacts are dropped before the square root (then d > range for sure).
-                const double reach = t.range + 1e-6;
-                if (d2 >= warn2 && (t.kind == quovix_md_term::none || d2 > reach * reach)) continue;
-                const double d = std::sqrt(d2);  // as quovix_images::distance computes it
-                const bool self = c.j == i && k[0] == 0 && k[1] == 0 && k[2] == 0;
-                if (d < QUOVIX_MD_WARN_DISTANCE && !self) sums[q].warnings.push_back(d);
-                if (t.kind == quovix_md_term::none || !(d <= t.range) ||
-                    !contact_counts(d, ai, aj) || !(d > 0.0))
-                    continue;
-                s.pair_q[g] = QUOVIX_COULOMB * term_force(t, d) / d;
+        // Pass 1: phi'(d)/d of the owned entries (14.39964 included; 0 when not counted). The
+        // entries that count are gathered per ion by kind and their derivatives evaluated in
+        // batches with the vector exp and erfc.
+        bool batched = true;
+#pragma omp parallel if (parallel)
+        {
+            force_batch batch;
+#pragma omp for schedule(dynamic, 1)
+            for (long q = 0; q < nfree; ++q) {
+                const long i = s.free[q];
+                const QUOVIX_ATOM &ai = cell->atom[i];
+                const std::vector<quovix_md_contact> &list = s.lists[q];
+                const long first = s.list_offset[q];
+                try {
+                    batch.clear();
+                    for (std::size_t e = 0; e < list.size(); ++e) {
+                        const long g = first + static_cast<long>(e);
+                        const long partner = s.mirror[g];
+                        if (partner >= 0 && partner < g) continue;  // evaluated by its partner
+                        s.pair_q[g] = 0.0;
+                        const quovix_md_contact &c = list[e];
+                        long k[3];
+                        if (!image(i, c, k)) continue;
+                        const QUOVIX_ATOM &aj = cell->atom[c.j];
+                        const quovix_md_term &t =
+                            s.table[static_cast<std::size_t>(s.species[i]) * s.total_species +
+                                    s.species[c.j]];
+                        double v[3];
+                        image_vector(s.frame.a, ai.x, aj.x, k, v);
+                        const double d2 = v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
+                        // Far contacts are dropped before the square root (then d > range).
+                        const double reach = t.range + 1e-6;
+                        if (d2 >= warn2 && (t.kind == quovix_md_term::none || d2 > reach * reach))
+                            continue;
+                        const double d = std::sqrt(d2);  // as quovix_images::distance does
+                        const bool self = c.j == i && k[0] == 0 && k[1] == 0 && k[2] == 0;
+                        if (d < QUOVIX_MD_WARN_DISTANCE && !self) sums[q].warnings.push_back(d);
+                        if (t.kind == quovix_md_term::none || !(d <= t.range) ||
+                            !contact_counts(d, ai, aj) || !(d > 0.0))
+                            continue;
+                        batch.add(g, d, t);
+                    }
+                    batch.evaluate(s.pair_q.data());
+                } catch (...) {
+#pragma omp atomic write
+                    batched = false;
+                }
             }
         }
-        // Pass 2: each ion gathers its contacts in list order.
+        if (!batched) throw std::bad_alloc();
+            // Pass 2: each ion gathers its contacts in list order.
 #pragma omp parallel for schedule(dynamic, 1) if (parallel)
         for (long q = 0; q < nfree; ++q) {
             const long i = s.free[q];

@@ -254,3 +254,46 @@ void quovix_pair_kernel_sum_exact(const quovix_pair_sources &s, const double *px
         coulomb[p] = ec;
     }
 }
+
+namespace {
+
+// Applies `body` to whole registers of the n inputs, the last partial one padded with copies
+// of its last element (whose results are dropped).
+template <std::size_t M, class F>
+void elementwise(const double *const (&in)[M], std::size_t n, double *out, F &&body) {
+    std::size_t k = 0;
+    for (; k + lanes <= n; k += lanes) {
+        vd v[M];
+        for (std::size_t m = 0; m < M; ++m) v[m] = load(in[m] + k);
+        store(out + k, body(v));
+    }
+    if (k == n) return;
+    double pad[M][lanes], res[lanes];
+    for (std::size_t m = 0; m < M; ++m)
+        for (std::size_t l = 0; l < lanes; ++l) pad[m][l] = in[m][k + l < n ? k + l : n - 1];
+    vd v[M];
+    for (std::size_t m = 0; m < M; ++m) v[m] = load(pad[m]);
+    store(res, body(v));
+    for (std::size_t l = 0; k + l < n; ++l) out[k + l] = res[l];
+}
+
+}  // namespace
+
+void quovix_pair_bonding_force_batch(const double *d, const double *d0, const double *rmin,
+                                     const double *b, std::size_t n, double *out) {
+    const double *const in[4] = {d, d0, rmin, b};
+    elementwise(in, n, out, [](const vd(&v)[4]) {
+        const vd e = vexp((v[2] - v[0]) / v[3]);
+        return (splat(0.0) - v[1]) * (e - splat(1.0)) * e / v[3];
+    });
+}
+
+void quovix_pair_coulomb_force_batch(const double *d, const double *q, const double *r_eff,
+                                     std::size_t n, double *out) {
+    const double *const in[3] = {d, q, r_eff};
+    elementwise(in, n, out, [](const vd(&v)[3]) {
+        const vd t = v[0] / v[2];
+        return (splat(0.0) - v[1]) * verfc(t) / (v[0] * v[0]) -
+               splat(2.0) * v[1] * vexp(splat(0.0) - t * t) / (splat(QUOVIX_SQRT_PI) * v[2] * v[0]);
+    });
+}

@@ -86,3 +86,15 @@ void quovix_pair_kernel_sum(const quovix_pair_sources &src, const double *px, co
 void quovix_pair_kernel_sum_exact(const quovix_pair_sources &src, const double *px,
                                   const double *py, const double *pz, std::size_t n, double *bond,
                                   double *coulomb);
+
+/// Distance derivatives of n contacts at once, each with its own constants:
+///   bonded:  out[k] = quovix_force_bonding(d[k], d0[k], rmin[k], b[k]) = -d0 (e - 1) e / b,
+///            e = exp((rmin - d) / b);
+///   Coulomb: out[k] = quovix_force_coulombic(d[k], q[k], r_eff[k])
+///            = -q erfc(t) / d^2 - 2 q exp(-t^2) / (sqrt(pi) r_eff d), t = d / r_eff.
+/// Same operations as the scalar functions, with exp and erfc from the vector math library
+/// (within a few units in the last place); each value depends on its own inputs only.
+void quovix_pair_bonding_force_batch(const double *d, const double *d0, const double *rmin,
+                                     const double *b, std::size_t n, double *out);
+void quovix_pair_coulomb_force_batch(const double *d, const double *q, const double *r_eff,
+                                     std::size_t n, double *out);

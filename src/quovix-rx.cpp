@@ -27,7 +27,10 @@
 // strain.
 #include "quovix-rx.hpp"
 
+#include <omp.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -385,24 +388,30 @@ double pair_energy_sum(const QUOVIX_CELL *cell, const pair_setup &s, double sf) 
 // evaluates erfc only for the contacts with d / r_eff <= 6 and subtracts the shift of the
 // others at once (see coulomb_energy).
 // Everything is kept per atom, and the atoms of the six cells form one list of independent
-// work items: one parallel loop builds and sorts all lists, and one parallel loop per
-// iteration gives every atom's energy in all six cells, each item summed by one thread in a
-// fixed order, the items then added in atom order. Nothing of the fit runs on one core
-// only, and each iteration meets the other threads once.
+// work items: one parallel region builds the cells' image clouds and then sorts all lists
+// (in per-thread pools), and one parallel loop per iteration gives every atom's energy in all
+// six cells, each item summed by one thread in a fixed order, the items then added in atom
+// order. Nothing of the fit runs on one core only, and each iteration meets the other threads
+// once. Reading the parameter files, building the lists and freeing them are what remains
+// serial around it.
 // ---------------------------------------------------------------------------------------------
 struct atom_contacts {
     double bond = 0.0;  // bonding energy of the atom's contacts (reduced units)
     // The n Coulomb contacts, grouped by partner species and sorted by distance within a
-    // group, as three arrays in one block: d[0..n), w[n..2n) (occ_i occ_j), and tail[2n..3n),
-    // the total weight of a contact and the farther ones of its group.
-    // The groups' bounds are kept by the cell (fit_models::groups).
-    std::vector<double> v;
-    std::size_t size() const { return v.size() / 3; }
+    // group, as three arrays in one block of a pool: d[0..n), w[n..2n) (occ_i occ_j), and
+    // tail[2n..3n), the total weight of a contact and the farther ones of its group. The
+    // groups' bounds are kept by the cell (fit_models::groups).
+    std::size_t pool = 0, offset = 0, n = 0;
 };
 
 struct fit_models {
     std::vector<pair_setup> setups;                 // one per strained cell
     std::vector<std::vector<atom_contacts>> atoms;  // [cell][atom]
+    // The blocks of the contact lists, one pool per thread that built them: a few large
+    // buffers instead of one small one per atom, cheap to allocate and to free.
+    std::vector<std::vector<double>> pools;
+    double expected_contacts = 0.0;  // estimate of all cells' contacts
+    const double *block(const atom_contacts &a) const { return pools[a.pool].data() + a.offset; }
     // [cell][atom * (species + 1) + g]: first contact of partner species g in the atom's lists,
     // the last entry their end (all 0 for an ignored atom).
     std::vector<std::vector<std::uint32_t>> groups;
@@ -425,7 +434,8 @@ struct found_contact {
 // The contact lists of atom i of a cell; `scratch` is the calling thread's work space.
 // `start` receives the bounds of the species groups (species + 1 entries).
 void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, atom_contacts &out,
-                         std::uint32_t *start, std::vector<std::vector<found_contact>> &scratch) {
+                         std::uint32_t *start, std::vector<std::vector<found_contact>> &scratch,
+                         std::vector<double> &pool) {
     if (cell->atom[i].ignored) return;
     const double occ_i = cell->atom[i].occ;
     scratch.resize(static_cast<std::size_t>(s.total));
@@ -443,8 +453,10 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
         }
     });
     out.bond = e;
-    out.v.resize(3 * count);
-    double *d = out.v.data(), *w = d + count, *tail = w + count;
+    out.offset = pool.size();
+    out.n = count;
+    pool.resize(pool.size() + 3 * count);
+    double *d = pool.data() + out.offset, *w = d + count, *tail = w + count;
     std::size_t n = 0;
     start[0] = 0;
     for (auto &list : scratch) {
@@ -485,21 +497,6 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
         s.table = fm.setups[0].table;
         s.total = fm.setups[0].total;
     }
-    bool ready = true;
-#pragma omp parallel for schedule(dynamic, 1)
-    for (long c = 0; c < static_cast<long>(cells); ++c) {
-        pair_setup &s = fm.setups[static_cast<std::size_t>(c)];
-        try {
-            build_cloud(copies[c].get(), s.f, s.range, s.sp, s.cloud);
-        } catch (...) {
-#pragma omp atomic write
-            ready = false;
-        }
-    }
-    if (!ready) {
-        std::fputs("Error: unable to allocate contact lists.\n", stderr);
-        return false;
-    }
     fm.stride = static_cast<std::size_t>(fm.setups[0].total) + 1;
     for (std::size_t c = 0; c < cells; ++c) {
         fm.atoms[c].resize(static_cast<std::size_t>(std::max(copies[c]->total, 0L)));
@@ -508,17 +505,53 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     }
     const long items = fm.first.back();
     bool ok = true;
+    fm.pools.resize(static_cast<std::size_t>(omp_get_max_threads()));
+    // One parallel region for the image clouds and the lists, without a barrier between them:
+    // a thread that has no cloud left to build goes on to the lists, waiting only for the
+    // cloud of the cell it takes. Every cloud is claimed before any thread leaves the first
+    // loop, and building one waits for nothing, so the waits end. A thread that starts late
+    // (the first parallel region of a run starts the worker threads) joins the lists instead
+    // of holding up the others at a barrier.
+    std::vector<std::atomic<bool>> built(cells);
+    for (auto &flag : built) flag.store(false);
 #pragma omp parallel
     {
+#pragma omp for schedule(dynamic, 1) nowait
+        for (long c = 0; c < static_cast<long>(cells); ++c) {
+            pair_setup &s = fm.setups[static_cast<std::size_t>(c)];
+            try {
+                build_cloud(copies[c].get(), s.f, s.range, s.sp, s.cloud);
+            } catch (...) {
+#pragma omp atomic write
+                ok = false;
+            }
+            built[static_cast<std::size_t>(c)].store(true, std::memory_order_release);
+        }
         std::vector<std::vector<found_contact>> scratch;
+        const auto me = static_cast<std::size_t>(omp_get_thread_num());
+        std::vector<double> &pool = fm.pools[me];
+        // Room for this thread's share of the lists (an upper estimate: every pair within the
+        // search radius), so that the pool seldom grows.
+        try {
+            pool.reserve(static_cast<std::size_t>(3.0 * fm.expected_contacts /
+                                                  static_cast<double>(omp_get_num_threads())));
+        } catch (...) {
+        }
 #pragma omp for schedule(dynamic, 4)
         for (long it = 0; it < items; ++it) {
             const std::size_t c = fm.cell_of(it);
             const long i = it - fm.first[c];
+            while (!built[c].load(std::memory_order_acquire)) {
+            }
+            bool cloud_ok;
+#pragma omp atomic read
+            cloud_ok = ok;
+            if (!cloud_ok) continue;
             try {
                 const auto at = static_cast<std::size_t>(i);
+                fm.atoms[c][at].pool = me;
                 build_atom_contacts(copies[c].get(), fm.setups[c], i, fm.atoms[c][at],
-                                    &fm.groups[c][at * fm.stride], scratch);
+                                    &fm.groups[c][at * fm.stride], scratch, pool);
             } catch (...) {
 #pragma omp atomic write
                 ok = false;
@@ -533,11 +566,10 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
 }
 
 // Energy (reduced units) of one atom's contacts at screening factor sf.
-double atom_energy(const atom_contacts &a, const std::uint32_t *start, std::size_t groups,
-                   const pair_term *terms, const double *shift, double sf) {
+double atom_energy(const atom_contacts &a, const double *block, const std::uint32_t *start,
+                   std::size_t groups, const pair_term *terms, const double *shift, double sf) {
     double e = a.bond;
-    const std::size_t n = a.size();
-    const double *d = a.v.data(), *w = d + n, *tail = w + n;
+    const double *d = block, *w = d + a.n, *tail = w + a.n;
     for (std::size_t g = 0; g < groups; ++g) {
         const std::uint32_t begin = start[g], end = start[g + 1];
         if (begin == end) continue;
@@ -569,8 +601,8 @@ void fit_energies(const fit_models &fm, const std::vector<quovix_cell_ptr> &copi
         const auto i = static_cast<std::size_t>(it - fm.first[c]);
         const std::size_t row = static_cast<std::size_t>(fm.setups[c].sp[i]) * s0.total;
         partial[static_cast<std::size_t>(it)] =
-            atom_energy(fm.atoms[c][i], &fm.groups[c][i * fm.stride], fm.stride - 1, &s0.table[row],
-                        &shift_all[row], sf);
+            atom_energy(fm.atoms[c][i], fm.block(fm.atoms[c][i]), &fm.groups[c][i * fm.stride],
+                        fm.stride - 1, &s0.table[row], &shift_all[row], sf);
     }
     energy.assign(copies.size(), 0.0);
     for (std::size_t c = 0; c < copies.size(); ++c) {
@@ -844,7 +876,8 @@ int quovix_property_calculate_screening_factor(QUOVIX_PROPERTY *ppt, QUOVIX_CELL
         const double volume = quovix_cell_calculate_volume(cell);
         fit_models models;
         std::vector<quovix_cell_ptr> copies;
-        const bool cached = estimated_contacts(cell, ppt) * 6.0 <= max_cached_contacts;
+        models.expected_contacts = estimated_contacts(cell, ppt) * 6.0;
+        const bool cached = models.expected_contacts <= max_cached_contacts;
         if (cached) {
             if (!strained_copies(cell, copies)) return -1;
             if (!build_fit_models(copies, ppt, models)) return -1;

@@ -58,6 +58,30 @@ TEST(PairKernel, MatchesScalarSumsAtBranchEdges) {
     EXPECT_NEAR(ce[2] - ce[5], 0.8 * std::erfc(10.0 / 16.0) / 10.0, 1e-9);
 }
 
+// The batched pair derivatives of the dynamics against the scalar functions, element by element,
+// for every count up to two registers and a half (whole registers and each padding length).
+TEST(PairKernel, ForceBatchesMatchScalarDerivatives) {
+    for (std::size_t n = 0; n <= 20; ++n) {
+        std::vector<double> d(n), d0(n), rmin(n), b(n), q(n), reff(n), fb(n), fc(n);
+        for (std::size_t k = 0; k < n; ++k) {
+            d[k] = 0.9 + 0.37 * static_cast<double>(k);
+            d0[k] = 0.2 + 0.01 * static_cast<double>(k);
+            rmin[k] = 1.8 + 0.02 * static_cast<double>(k % 5);
+            b[k] = 0.3 + 0.01 * static_cast<double>(k % 3);
+            q[k] = 0.5 + 0.1 * static_cast<double>(k % 4);
+            reff[k] = 1.2 + 0.3 * static_cast<double>(k % 7);
+        }
+        quovix_pair_bonding_force_batch(d.data(), d0.data(), rmin.data(), b.data(), n, fb.data());
+        quovix_pair_coulomb_force_batch(d.data(), q.data(), reff.data(), n, fc.data());
+        for (std::size_t k = 0; k < n; ++k) {
+            const double eb = quovix_force_bonding(d[k], d0[k], rmin[k], b[k]);
+            const double ec = quovix_force_coulombic(d[k], q[k], reff[k]);
+            EXPECT_NEAR(fb[k], eb, 1e-14 * std::fabs(eb)) << n << " " << k;
+            EXPECT_NEAR(fc[k], ec, 1e-14 * std::fabs(ec)) << n << " " << k;
+        }
+    }
+}
+
 // One table for every sum: a like-charged pair reads the charges and radii, an opposite pair
 // the record stored cation first, whichever species comes first; os = 0 pairs are empty.
 TEST(PairTable, OrientationAndKinds) {
