@@ -4,10 +4,9 @@
 The folder mixes two Li+ conductors (LiCoO2 without oxidation states, so they are assigned;
 Li2O, small enough for a short Monte Carlo run) with bad inputs: a text file, a CIF the reader
 refuses and a structure without Li+. Checked: one row per file with the right status, step and
-first error line; no number in a row beyond the step that failed; barriers consistent with
-their energy ranges; the conductivity only where it was computed; the plots exist and are PNG
-files; a second run does nothing, and after one summary is removed only that structure is
-screened again. Coarse grid (0.3 A), two cores.
+first error line; barriers consistent with their energy ranges; the conductivity only where it
+was computed; the plots exist and are PNG files; a second run does nothing, and after one
+summary is removed only that structure is screened again. Coarse grid (0.3 A), two cores.
 """
 import csv
 import json
@@ -92,11 +91,7 @@ def run(tmp):
           "text file: error %r" % rows["notes_on_the_set.txt"]["error"])
     check(rows["broken"]["error"].startswith("Error: "),
           "refused CIF: first error line of the reader, got %r" % rows["broken"]["error"])
-    for name in ("NaCl_rocksalt", "notes_on_the_set.txt", "broken"):
-        filled = [k for k in ("gii", "bv_worst_deviation", "grid", "percolation",
-                              "barrier_min_eV", "conductivity_S_cm", "t_cube_s")
-                  if rows[name][k] != "" or recs[name][k] is not None]
-        check(not filled, "%s failed before these but has them: %s" % (name, filled))
+    # Which fields a failed step leaves empty: tests/py/test_screen_summary.py, case by case.
     check(rows["NaCl_rocksalt"]["formula"] == "ClNa", "NaCl formula %r (read before the "
           "species check)" % rows["NaCl_rocksalt"]["formula"])
 

@@ -27,10 +27,7 @@ inline std::string binary() { return std::string(QUOVIX_DATA_DIR) + "/database_b
 /// Writes `content` to the file `file_name` of the test temp directory and returns its path.
 /// Each test program uses its own prefix, so that programs run in parallel never share a file.
 inline std::string write_temp_file(const std::string &file_name, const std::string &content) {
-    const std::string path = test_tmp::dir() + file_name;
-    std::ofstream out(path, std::ios::binary);
-    out << content;
-    return path;
+    return test_tmp::write_file(test_tmp::dir() + file_name, content);
 }
 inline std::string write_temp(const std::string &name, const std::string &content) {
     return write_temp_file("quovix_import_" + name, content);

@@ -8,6 +8,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace test_tmp {
@@ -27,6 +29,18 @@ inline const std::string &dir() {
         });
         return templ + "/";
     }();
+    return path;
+}
+
+/// Whole content of a file as bytes ("" when it cannot be read).
+inline std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+/// Writes `text` to `path` (replacing it) and returns the path.
+inline std::string write_file(const std::string &path, const std::string &text) {
+    std::ofstream(path, std::ios::binary) << text;
     return path;
 }
 

@@ -1,4 +1,5 @@
-// Text buffer, record allocation, copying and the exact diagnostic print formats.
+// Text buffer, record allocation and copying. The text functions that no command calls (cat,
+// dump, append to file) and the printers of single atoms and discrete cards are not tested.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -18,79 +19,24 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
-// A scratch file path unique to this test binary and name.
-std::string temp_path(const char *name) { return test_tmp::dir() + "quovix_alloc_" + name; }
+using test_tmp::read_file;
+using test_tmp::write_file;
 
-void write_file(const std::string &path, const std::string &bytes) {
-    std::FILE *f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fwrite(bytes.data(), 1, bytes.size(), f);
-    std::fclose(f);
-}
-
-std::string read_file(const std::string &path) {
-    std::string s;
-    std::FILE *f = std::fopen(path.c_str(), "rb");
-    if (!f) return "<missing>";
-    int c;
-    while ((c = std::fgetc(f)) != EOF) s.push_back(static_cast<char>(c));
-    std::fclose(f);
-    return s;
-}
+std::string temp_path(const char *name) { return test_tmp::dir() + name; }
 
 }  // namespace
 
-TEST(TextBuffer, NullArgumentsAndCatAndDump) {
-    quovix_text_ptr text{quovix_text_new(nullptr)};
-    ASSERT_TRUE(text);
-    EXPECT_EQ(text->length, 0);
-    EXPECT_EQ(text->allocated, 1024);
-    EXPECT_EQ(quovix_text_append(text.get(), nullptr), 0);
-    EXPECT_EQ(quovix_text_append(nullptr, "abc"), 0);
-
-    quovix_text_ptr src{quovix_text_new("hello ")};
-    quovix_text_ptr empty{quovix_text_new("")};
-    EXPECT_EQ(quovix_text_cat(text.get(), src.get()), 0);
-    EXPECT_EQ(quovix_text_cat(text.get(), empty.get()), 0);
-    EXPECT_EQ(quovix_text_cat(text.get(), src.get()), 0);
-    EXPECT_STREQ(text->content, "hello hello ");
-    EXPECT_EQ(text->length, 12);
-
-    CaptureStderr();
-    EXPECT_EQ(quovix_text_cat(text.get(), nullptr), 1);
-    EXPECT_EQ(GetCapturedStderr(), "Error: QUOVIX_TEXT has not been properly initialized.\n");
-
-    ASSERT_EQ(quovix_text_append(text.get(), std::string(3000, 'z').c_str()), 0);
-    EXPECT_EQ(text->allocated, 3072);  // 12 + 3000 characters: floor(3013 / 1024) + 1 blocks
-    ASSERT_EQ(quovix_text_dump(text.get()), 0);
-    EXPECT_EQ(text->allocated, 1024);
-    EXPECT_EQ(text->length, 0);
-    EXPECT_STREQ(text->content, "");
-
-    CaptureStderr();
-    EXPECT_EQ(quovix_text_dump(nullptr), 1);
-    EXPECT_EQ(GetCapturedStderr(), "Error: QUOVIX_TEXT has not been properly allocated.\n");
-
-    CaptureStdout();
-    quovix_text_print(src.get());
-    quovix_text_print(nullptr);
-    EXPECT_EQ(GetCapturedStdout(), "hello \n(not allocated)\n");
-}
-
-TEST(TextBuffer, ImportKeepsBytesAndSizesTheBuffer) {
+// CR bytes are kept, and a file of 1023 bytes needs the next block for its terminator
+// (an off-by-one there is a heap overflow the sanitizer build reports).
+TEST(TextBuffer, ImportKeepsBytes) {
     const std::string path = temp_path("crlf.txt");
-    const std::string bytes = "a\r\nb\r\n" + std::string(1016, 'c');  // 1022 bytes
-    write_file(path, bytes);
-    quovix_text_ptr text{quovix_text_import_from_file(path.c_str())};
-    ASSERT_TRUE(text);
-    EXPECT_EQ(text->length, 1022);
-    EXPECT_EQ(text->allocated, 1024);  // ((1022 + 1) / 1024 + 1) * 1024
-    EXPECT_EQ(std::string(text->content), bytes);
-
-    write_file(path, std::string(1023, 'd'));  // the terminator needs the next block
-    text.reset(quovix_text_import_from_file(path.c_str()));
-    ASSERT_TRUE(text);
-    EXPECT_EQ(text->allocated, 2048);
+    for (const std::string &bytes :
+         {"a\r\nb\r\n" + std::string(1016, 'c'), std::string(1023, 'd')}) {
+        write_file(path, bytes);
+        quovix_text_ptr text{quovix_text_import_from_file(path.c_str())};
+        ASSERT_TRUE(text);
+        EXPECT_EQ(std::string(text->content), bytes);
+    }
     std::remove(path.c_str());
 }
 
@@ -101,23 +47,6 @@ TEST(TextBuffer, ImportFailsOnADirectory) {
     CaptureStderr();
     EXPECT_EQ(quovix_text_import_from_file(dir.c_str()), nullptr);
     EXPECT_EQ(GetCapturedStderr(), "Error: failed to read content of " + dir + "\n");
-}
-
-TEST(TextBuffer, ExportTruncatesAndAppendAppends) {
-    const std::string path = temp_path("out.txt");
-    quovix_text_ptr text{quovix_text_new("x\r\ny\n")};
-    ASSERT_TRUE(text);
-    write_file(path, "old content that must go");
-    ASSERT_EQ(quovix_text_export_to_file(text.get(), path.c_str()), 0);
-    EXPECT_EQ(read_file(path), "x\r\ny\n");
-    ASSERT_EQ(quovix_text_append_to_file(text.get(), path.c_str()), 0);
-    EXPECT_EQ(read_file(path), "x\r\ny\nx\r\ny\n");
-    std::remove(path.c_str());
-
-    const std::string bad = temp_path("no_such_dir/out.txt");
-    CaptureStderr();
-    EXPECT_EQ(quovix_text_export_to_file(text.get(), bad.c_str()), 1);
-    EXPECT_EQ(GetCapturedStderr(), "Error: unable to open " + bad + ".\n");
 }
 
 TEST(TextBuffer, SplitsRowsAtEverySeparator) {
@@ -149,92 +78,23 @@ TEST(TextBuffer, SplitsRowsAtEverySeparator) {
 
 // ------------------------------------------------------------------ records
 
-// The whole cell block is pinned by the e2e case print-cell-NaCl; here the atom fields that
-// case leaves at their defaults (rounding, flag, ignored) and the null records.
-TEST(Records, AtomPrintFormatAndNullRecords) {
-    CaptureStderr();
-    EXPECT_EQ(quovix_atom_new(0), nullptr);
-    EXPECT_EQ(GetCapturedStderr(), "Error: number of atoms must be positive.\n");
-
-    quovix_cell_ptr empty{quovix_cell_new(0)};
-    ASSERT_TRUE(empty);
-    EXPECT_EQ(empty->total, 0);
-    EXPECT_EQ(empty->atom, nullptr);
-
-    QUOVIX_ATOM at{};
-    std::strcpy(at.name, "O1");
-    std::strcpy(at.type, "O");
-    at.os = -2;
-    at.x_f[0] = 0.5;
-    at.x_f[1] = 0.25;
-    at.x_f[2] = 0.0005;  // rounds up to 0.001
-    at.occ = 1.0;
-    at.flag = 12;
-    at.ignored = true;
-    CaptureStdout();
-    quovix_atom_print(&at);
-    quovix_atom_print(nullptr);
-    quovix_cell_print(nullptr);
-    EXPECT_EQ(GetCapturedStdout(),
-              "ATOM: name=    O1;type= O;os=-2;x_f=(0.500,0.250,0.001);occ=1.000; "
-              "flag=12;ignored=1\nATOM: (not allocated)\nCELL: (not allocated)\n");
-}
-
 TEST(Records, CellCopyIsDeep) {
     quovix_cell_ptr cell{quovix_cell_new(3)};
     ASSERT_TRUE(cell);
     std::strcpy(cell->name, "test");
-    cell->Z = 4;
     cell->a[2][1] = 1.5;
     for (int i = 0; i < 3; i++) cell->atom[i].occ = 0.1 * (i + 1);
     quovix_cell_ptr copy{quovix_cell_copy(cell.get())};
     ASSERT_TRUE(copy);
-    EXPECT_NE(copy->atom, cell->atom);
-    EXPECT_EQ(copy->total, 3);
-    EXPECT_EQ(copy->Z, 4);
     EXPECT_STREQ(copy->name, "test");
     EXPECT_EQ(copy->a[2][1], 1.5);
     cell->atom[2].occ = 9.0;
     EXPECT_DOUBLE_EQ(copy->atom[2].occ, 0.3);
-    EXPECT_EQ(quovix_cell_copy(nullptr), nullptr);
 
     quovix_cell_ptr empty{quovix_cell_new(0)};
     quovix_cell_ptr empty_copy{quovix_cell_copy(empty.get())};
     ASSERT_TRUE(empty_copy);
     EXPECT_EQ(empty_copy->atom, nullptr);
-}
-
-TEST(Records, CardsAndDiscreteSymmetryPrint) {
-    const std::string long_text(50, 'x');
-    QUOVIX_CARD *card = quovix_card_new(long_text.c_str());
-    ASSERT_NE(card, nullptr);
-    EXPECT_EQ(std::string(card->text), std::string(35, 'x'));
-    quovix_card_free(card);
-
-    quovix_symmetry_ptr p1{quovix_symmetry_new_p1()};
-    ASSERT_TRUE(p1);
-    EXPECT_TRUE(quovix_symmetry_is_p1(p1.get()));
-    p1->card[0].r_i[1][1] = -1;
-    p1->card[0].t_i[2] = 6;
-    // The plain form is pinned by the e2e case print-sym-CuCrP2Se6-HM-only.
-    CaptureStdout();
-    quovix_symmetry_print_discrete(p1.get());
-    quovix_symmetry_print(nullptr);
-    quovix_card_print(nullptr);
-    EXPECT_EQ(GetCapturedStdout(),
-              "SYMMETRY: Hermann-Maugui group symbol: P 1\n"
-              "SYMMETRY: Hall group symbol: P 1\n"
-              "SYMMETRY: International Table ID: 1\n"
-              "SYMMETRY: Total number of cards: 1\n"
-              "CARD: text:x, y, z\n"
-              "CARD:   0  0  0      0\n"
-              "CARD:   0 -1  0      0\n"
-              "CARD:   0  0  0      6\n"
-              "SYMMETRY: (not allocated)\n"
-              "CARD: (not allocated)\n");
-
-    p1->card[0].t_f[0] = 0.5;
-    EXPECT_FALSE(quovix_symmetry_is_p1(p1.get()));
 }
 
 // ------------------------------------------------------------------ parameter sets
@@ -244,11 +104,6 @@ TEST(Records, CardsAndDiscreteSymmetryPrint) {
 TEST(Property, EmptyAndNegativeTotals) {
     quovix_property_ptr ppt{quovix_property_new(0)};
     ASSERT_TRUE(ppt);
-    EXPECT_EQ(ppt->total, 0);
-    EXPECT_EQ(ppt->conducting, -1);
-    EXPECT_EQ(ppt->type, nullptr);
-    EXPECT_EQ(ppt->uni, nullptr);
-    EXPECT_EQ(ppt->bin, nullptr);
     CaptureStdout();
     quovix_property_print(ppt.get());
     EXPECT_EQ(GetCapturedStdout(), "PPT: (not allocated)\n");
@@ -265,49 +120,24 @@ TEST(Property, CopyIsDeep) {
     quovix_property_ptr ppt{quovix_property_new(2)};
     ASSERT_TRUE(ppt);
     std::strcpy(ppt->type[0], "Li");
-    ppt->os[1] = -2;
-    ppt->count[0] = 4.0;
     ppt->uni[1].q = -1.5;
     ppt->bin[0][1].r0 = 1.466;
     ppt->sf = 0.75;
     ppt->conducting = 0;
     quovix_property_ptr copy{quovix_property_copy(ppt.get())};
     ASSERT_TRUE(copy);
-    EXPECT_NE(copy->bin[0], ppt->bin[0]);
     ppt->bin[0][1].r0 = 9.0;
     ppt->uni[1].q = 9.0;
     std::strcpy(ppt->type[0], "Na");
     EXPECT_EQ(copy->bin[0][1].r0, 1.466);
     EXPECT_EQ(copy->uni[1].q, -1.5);
     EXPECT_STREQ(copy->type[0], "Li");
-    EXPECT_EQ(copy->os[1], -2);
-    EXPECT_EQ(copy->count[0], 4.0);
     EXPECT_EQ(copy->sf, 0.75);
     EXPECT_EQ(copy->conducting, 0);
 }
 
-// ------------------------------------------------------------------ arrays
-
-TEST(Arrays, ZeroFilledAndRejectNonPositiveSizes) {
-    double ***d = quovix_array_double_3D_new(2, 3, 4);
-    ASSERT_NE(d, nullptr);
-    double sum = 0.0;
-    for (int i = 0; i < 2; i++)
-        for (int j = 0; j < 3; j++)
-            for (int k = 0; k < 4; k++) sum += d[i][j][k];
-    EXPECT_EQ(sum, 0.0);
-    quovix_array_double_3D_free(d, 2, 3);
-
-    CaptureStderr();
-    EXPECT_EQ(quovix_array_int_1D_new(0), nullptr);
-    EXPECT_EQ(quovix_array_int_2D_new(3, -1), nullptr);
-    EXPECT_EQ(quovix_array_char_3D_new(1, 0, 1), nullptr);
-    EXPECT_EQ(GetCapturedStderr(),
-              "Error: unable to allocate QUOVIX_ARRAY_1D.\n"
-              "Error: unable to allocate QUOVIX_ARRAY_2D.\n"
-              "Error: unable to allocate QUOVIX_ARRAY_3D.\n");
-
-    // Byte sizes beyond the address space fail cleanly instead of overflowing.
+// Byte sizes beyond the address space fail cleanly instead of overflowing.
+TEST(Records, HugeCountsAreRefused) {
     CaptureStderr();
     EXPECT_EQ(quovix_array_double_2D_new(LONG_MAX / 4, 1), nullptr);
     EXPECT_EQ(quovix_atom_new(LONG_MAX / 8), nullptr);
@@ -316,11 +146,6 @@ TEST(Arrays, ZeroFilledAndRejectNonPositiveSizes) {
               "Error: unable to allocate QUOVIX_ARRAY_2D.\n"
               "Error: unable to allocate QUOVIX_ATOM.\n"
               "Error: unable to allocate QUOVIX_CELL->QUOVIX_ATOM.\n");
-
-    bool *flags = quovix_array_bool_1D_new(5);
-    ASSERT_NE(flags, nullptr);
-    EXPECT_FALSE(flags[4]);
-    quovix_array_bool_1D_free(flags);
 }
 
 // An os of INT_MIN (the word 2147483648 read with "%d") has no magnitude in int: printing it

@@ -26,19 +26,10 @@ using test_import::Captured;
 const std::string kUnitary = test_import::unitary();
 const std::string kBinary = test_import::binary();
 
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using test_tmp::read_file;
+using test_tmp::write_file;
 
-void spit(const std::string &path, const std::string &text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-}
-
-std::string temp_path(const std::string &name) {
-    return test_tmp::dir() + "quovix_test_cube_" + name;
-}
+std::string temp_path(const std::string &name) { return test_tmp::dir() + name; }
 
 // A cube with the given counts over an orthogonal cell, values filled by `fill(i, j, k)`.
 template <class F>
@@ -64,27 +55,16 @@ TEST(CubeNew, ZeroedGridAndRefusals) {
     const long n[3] = {3, 4, 5};
     quovix_cube_ptr cube{quovix_cube_new(n)};
     ASSERT_TRUE(cube);
-    EXPECT_EQ(cube->n[0], 3);
-    EXPECT_EQ(cube->n[2], 5);
-    for (long i = 0; i < 3; i++)
-        for (long j = 0; j < 4; j++)
-            for (long k = 0; k < 5; k++) ASSERT_EQ(cube->en[i][j][k], 0.0);
+    EXPECT_EQ(cube->en[2][3][4], 0.0);
 
-    const long zero[3] = {3, 0, 5};
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_cube_new(zero), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error: argument must be positive.\n");
-
-    // 2^21 per axis overflows the byte count; 100000^3 doubles exceed any memory here.
+    // A zero count: see the case "one point, non-periodic" of CubeImport.BadFilesFailCleanly.
+    // 2^21 per axis overflows the byte count.
     const long huge[3] = {1L << 21, 1L << 21, 1L << 21};
-    const long big[3] = {100000, 100000, 100000};
     testing::internal::CaptureStderr();
     EXPECT_EQ(quovix_cube_new(huge), nullptr);
-    EXPECT_EQ(quovix_cube_new(big), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: a cube of 2097152 * 2097152 * 2097152 points exceeds the available memory.\n"
-              "Error: a cube of 100000 * 100000 * 100000 points exceeds the available memory.\n");
-    quovix_cube_free(nullptr);
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(),
+        "Error: a cube of 2097152 * 2097152 * 2097152 points exceeds the available memory.\n");
 }
 
 // ----------------------------------------------------------------------------- writing
@@ -101,7 +81,7 @@ TEST(CubeExport, HeaderlessFileBytes) {
               "Message: cube file is generated without header.\nMessage: cube file saved to " +
                   path + ".\n");
     // 1 A = 1.889725989 Bohr.
-    EXPECT_EQ(slurp(path),
+    EXPECT_EQ(read_file(path),
               "noname\r\n\r\n"
               "   0    0.000000    0.000000    0.000000\r\n"
               "   2    1.889726    0.000000    0.000000\r\n"
@@ -145,7 +125,7 @@ TEST(CubeExport, ValuesMatchPrintfFormatting) {
         std::snprintf(buf, sizeof buf, " %12.6f\r\n", value(k));
         want += buf;
     }
-    const std::string got = slurp(path);
+    const std::string got = read_file(path);
     ASSERT_GE(got.size(), want.size());
     EXPECT_EQ(got.substr(got.size() - want.size()), want);
     std::remove(path.c_str());
@@ -172,18 +152,15 @@ TEST(CubeExport, MissingSpeciesWritesNothing) {
     EXPECT_FALSE(std::ifstream(none).good());
 }
 
-TEST(CubeExport, RefusesMissingGridAndUnwritablePath) {
+TEST(CubeExport, RefusesUnwritablePath) {
     const double len[3] = {1.0, 1.0, 1.0};
     auto cube = make_cube(1, 1, 1, len, [](long, long, long) { return 1.0; });
     Captured c = capture([&] {
-        EXPECT_EQ(quovix_cube_export_to_file(nullptr, nullptr, nullptr, "x.cube", true), 1);
         EXPECT_EQ(
             quovix_cube_export_to_file(cube.get(), nullptr, nullptr, "/nonexistent/x.cube", true),
             1);
     });
-    EXPECT_EQ(c.err,
-              "Error: QUOVIX_CUBE has not been properly initialized.\n"
-              "Error: unable to open file /nonexistent/x.cube\n");
+    EXPECT_EQ(c.err, "Error: unable to open file /nonexistent/x.cube\n");
 }
 
 // ----------------------------------------------------------------------------- reading
@@ -214,10 +191,7 @@ TEST(CubeImport, RoundTripKeepsSixDecimalsBothWays) {
         ASSERT_TRUE(back);
         for (int k = 0; k < 3; k++) EXPECT_EQ(back->n[k], cube->n[k]);
         for (int k = 0; k < 3; k++)
-            for (int c = 0; c < 3; c++) {
-                EXPECT_NEAR(back->a_i[k][c], cube->a_i[k][c], 5e-7);
-                EXPECT_NEAR(back->a[k][c], cube->a[k][c], 5e-7 * cube->n[k]);
-            }
+            for (int c = 0; c < 3; c++) EXPECT_NEAR(back->a_i[k][c], cube->a_i[k][c], 5e-7);
         double worst = 0.0;
         for (long i = 0; i < 12; i++)
             for (long j = 0; j < 8; j++)
@@ -233,7 +207,6 @@ TEST(CubeImport, RoundTripKeepsSixDecimalsBothWays) {
     ASSERT_EQ(quovix_cube_import_from_file(&raw, nullptr, path.c_str(), true, nullptr), 0);
     testing::internal::GetCapturedStdout();
     quovix_cube_ptr wrong{raw};
-    EXPECT_EQ(wrong->n[0], 13);
     EXPECT_EQ(wrong->n[2], 17);
     EXPECT_NEAR(wrong->en[12][3][5], wrong->en[0][3][5], 1e-12);
     EXPECT_NEAR(wrong->en[1][2][16], cube->en[1][2][0], 5e-7);
@@ -243,10 +216,10 @@ TEST(CubeImport, RoundTripKeepsSixDecimalsBothWays) {
 TEST(CubeImport, ReadsForeignLayoutWithSixValuesPerLine) {
     // Other writers put six "%13.5e" values on a line; values are read by white space.
     const std::string path = temp_path("foreign.cube");
-    spit(path,
-         "made elsewhere\nsecond line\n    0    0.0 0.0 0.0\n"
-         "    2    1.0 0.0 0.0\n    1    0.0 1.0 0.0\n    3    0.0 0.0 1.0\n"
-         "  1.00000e+00 -2.50000e-01  3.0e2\n  4.00000E-03  5  -6\n");
+    write_file(path,
+               "made elsewhere\nsecond line\n    0    0.0 0.0 0.0\n"
+               "    2    1.0 0.0 0.0\n    1    0.0 1.0 0.0\n    3    0.0 0.0 1.0\n"
+               "  1.00000e+00 -2.50000e-01  3.0e2\n  4.00000E-03  5  -6\n");
     QUOVIX_CUBE *raw = nullptr;
     testing::internal::CaptureStdout();
     ASSERT_EQ(quovix_cube_import_from_file(&raw, nullptr, path.c_str(), true, nullptr), 0);
@@ -302,7 +275,7 @@ TEST(CubeImport, BadFilesFailCleanly) {
          true, true},
     };
     for (const Case &c : cases) {
-        spit(path, c.text);
+        write_file(path, c.text);
         QUOVIX_CUBE *cube = nullptr;
         QUOVIX_CELL *cell = nullptr;
         Captured log = capture([&] {
@@ -322,8 +295,6 @@ TEST(CubeName, AssignedCifName) {
     char out[QUOVIX_PATH_LEN];
     quovix_cubename_assigned(out, "dir/Li6PS5Cl.cif");
     EXPECT_STREQ(out, "dir/Li6PS5Cl_assigned.cif");
-    quovix_cubename_assigned(out, "abc");
-    EXPECT_STREQ(out, "abc_assigned.cif");
     std::string longname(1500, 'x');
     quovix_cubename_assigned(out, longname.c_str());
     EXPECT_EQ(std::string(out), std::string(996, 'x') + "_assigned.cif");
@@ -343,7 +314,6 @@ TEST(CubeGridSize, MultiplesOf24ReducedBelow196Cubed) {
         {{30, 20, 10}, 0.1, {288, 216, 120}},        // one step on the longest axis
         {{23.9, 23.9, 14.3}, 0.1, {216, 240, 144}},  // tie of axes 1, 2: the first drops
         {{14.3, 23.9, 23.9}, 0.1, {144, 216, 240}},  // tie of axes 2, 3: the second drops
-        {{4.0, 4.0, 4.0}, 1e6, {24, 24, 24}},        // huge resolution: one step per axis
     };
     for (const Case &c : cases) {
         long n[3] = {0, 0, 0};
@@ -351,7 +321,7 @@ TEST(CubeGridSize, MultiplesOf24ReducedBelow196Cubed) {
         for (int k = 0; k < 3; ++k) EXPECT_EQ(n[k], c.want[k]) << c.len[0] << " axis " << k;
     }
     // Large or absurd requests end as multiples of 24 within the point budget.
-    const double big[][3] = {{30, 30, 30}, {23.9, 14.3, 23.9}, {30, 30, 0.5}};
+    const double big[][3] = {{30, 30, 30}, {30, 30, 0.5}};
     for (const auto &len : big) {
         long n[3] = {0, 0, 0};
         ASSERT_EQ(quovix_cube_grid_size(n, len, 1e-3), 0);
@@ -362,10 +332,8 @@ TEST(CubeGridSize, MultiplesOf24ReducedBelow196Cubed) {
     const double len[3] = {5, 5, 5};
     testing::internal::CaptureStderr();
     EXPECT_EQ(quovix_cube_grid_size(n, len, 0.0), 1);
-    EXPECT_EQ(quovix_cube_grid_size(n, len, -0.1), 1);
     EXPECT_EQ(quovix_cube_grid_size(n, len, NAN), 1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: resolution must be a positive number.\n"
               "Error: resolution must be a positive number.\n"
               "Error: resolution must be a positive number.\n");
 }
@@ -519,17 +487,13 @@ TEST(CubeCalculate, IgnoredIonsMessagesAndCap) {
     Structure s = load("LiFePO4_olivine_P1.cif", "Li", 1, 0.8);
     ASSERT_TRUE(s.ppt);
     omp_set_num_threads(2);
+    // The message for ignored ions is pinned by the e2e case gen-cube-LiFePO4.
     testing::internal::CaptureStdout();
     quovix_cube_ptr ignored{
         quovix_cube_calculate(s.cell.get(), s.symmetry.get(), s.ppt.get(), 0.5, true)};
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Message: ignoring all Li1+ ions during cube generation.\n");
-    long flagged = 0;
-    for (long t = 0; t < s.cell->total; t++) {
+    testing::internal::GetCapturedStdout();
+    for (long t = 0; t < s.cell->total; t++)
         EXPECT_EQ(s.cell->atom[t].ignored, std::strcmp(s.cell->atom[t].type, "Li") == 0);
-        flagged += s.cell->atom[t].ignored;
-    }
-    EXPECT_EQ(flagged, 4);
     testing::internal::CaptureStdout();
     quovix_cube_ptr all{
         quovix_cube_calculate(s.cell.get(), s.symmetry.get(), s.ppt.get(), 0.5, false)};
@@ -580,7 +544,6 @@ TEST(CubeCalculate, BadParametersFailWithTheirReason) {
                })
             .err;
     };
-    EXPECT_EQ(run(0.0), "Error: resolution must be a positive number, not 0.000000.\n");
     EXPECT_EQ(run(-0.1), "Error: resolution must be a positive number, not -0.100000.\n");
 
     const int li = quovix_property_find_index(ppt, "Li", 1);
@@ -602,13 +565,6 @@ TEST(CubeCalculate, BadParametersFailWithTheirReason) {
     ppt->conducting = conducting;
 
     // A zero oxidation state: see the e2e case gen-cube-LiFePO4-zero-os.
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(quovix_cube_calculate(nullptr, nullptr, ppt, 0.1, true), nullptr);
-    EXPECT_EQ(quovix_cube_calculate(s.cell.get(), nullptr, nullptr, 0.1, true), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error: QUOVIX_CELL has not been properly initialized.\n"
-              "Error: QUOVIX_PROPERTY has not been properly initialized.\n"
-              "Error: quovix_cube_validate_property() returns non-zero.\n");
 }
 
 // Sites shared with the mobile species are resolved on a supercell written beside the cube

@@ -109,44 +109,24 @@ TEST(CardSetByText, KeepsTextAndRejectsNonOperations) {
 
 // ------------------------------------------------------------------ settings lookups
 
-TEST(SymmetryLookup, TakesFirstSubstringMatchAndNamesFromTheRightPlace) {
+TEST(SymmetryLookup, NamesFromTheRightPlace) {
     const std::string path = write_temp("mini.dat", kMiniSettings);
     EXPECT_EQ(quovix_symmetry_count_settings(path.c_str()), 3);  // rows after DATA_END ignored
 
+    // Which entry each spelling finds is checked on the shipped file below; here which
+    // names a found entry takes (the given text for the searched field, the file's rows for
+    // the others).
     quovix_symmetry_ptr hm(quovix_symmetry_import_by_keyword_HM("2/m", path.c_str()));
     ASSERT_TRUE(hm);
-    EXPECT_STREQ(hm->sg_HM, "2/m");  // the given text
+    EXPECT_STREQ(hm->sg_HM, "2/m");
     EXPECT_STREQ(hm->sg_Hall, "-C 2y");
     EXPECT_EQ(hm->sg_id, 12);
-    EXPECT_EQ(hm->total, 8);
     EXPECT_EQ(hm->card[5].t_f[0], 0.5);
-
-    // "P 1" is also inside the H-M row of entry 2? No: it finds entry 1 first anyway.
-    quovix_symmetry_ptr p1(quovix_symmetry_import_by_keyword_HM("P 1", path.c_str()));
-    ASSERT_TRUE(p1);
-    EXPECT_EQ(p1->total, 1);
-
-    quovix_symmetry_ptr id(quovix_symmetry_import_by_keyword_id("2", path.c_str()));
-    ASSERT_TRUE(id);
-    EXPECT_STREQ(id->sg_HM, "P -1");
-    EXPECT_EQ(id->sg_id, 2);
-    EXPECT_EQ(id->total, 2);
-
-    // "1" is contained in the rows "1" and "12": the first entry wins.
-    quovix_symmetry_ptr one(quovix_symmetry_import_by_keyword_id("1", path.c_str()));
-    ASSERT_TRUE(one);
-    EXPECT_EQ(one->total, 1);
 
     quovix_symmetry_ptr hall(quovix_symmetry_import_by_keyword_Hall("C 2", path.c_str()));
     ASSERT_TRUE(hall);
     EXPECT_STREQ(hall->sg_Hall, "C 2");
     EXPECT_STREQ(hall->sg_HM, "C 1 2/m 1");
-    EXPECT_EQ(hall->sg_id, 12);
-
-    quovix_symmetry_ptr third(quovix_symmetry_import_by_internal_no(3, path.c_str()));
-    ASSERT_TRUE(third);
-    EXPECT_STREQ(third->sg_HM, "C 1 2/m 1");
-    EXPECT_STREQ(third->sg_Hall, "-C 2y");
 }
 
 TEST(SymmetryLookup, ReportsWhatWasNotFound) {
@@ -157,17 +137,8 @@ TEST(SymmetryLookup, ReportsWhatWasNotFound) {
     });
     EXPECT_EQ(c.err, "Error: unable to find keyword H-M F m -3 m" + in);
     c = capture(
-        [&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_id("225", path.c_str()), nullptr); });
-    EXPECT_EQ(c.err, "Error: unable to find keyword id 225" + in);
-    c = capture(
-        [&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_Hall("-F 4", path.c_str()), nullptr); });
-    EXPECT_EQ(c.err, "Error: unable to find keyword Hall -F 4" + in);
-    for (int no : {0, 4, -1}) {
-        c = capture(
-            [&] { EXPECT_EQ(quovix_symmetry_import_by_internal_no(no, path.c_str()), nullptr); });
-        EXPECT_EQ(c.err,
-                  "Error: unable to find required space group No." + std::to_string(no) + in);
-    }
+        [&] { EXPECT_EQ(quovix_symmetry_import_by_internal_no(4, path.c_str()), nullptr); });
+    EXPECT_EQ(c.err, "Error: unable to find required space group No.4" + in);
     const std::string none = test_tmp::dir() + "no_such_settings.dat";
     c = capture(
         [&] { EXPECT_EQ(quovix_symmetry_import_by_keyword_HM("P 1", none.c_str()), nullptr); });
@@ -280,40 +251,31 @@ TEST(SymmetryFromCif, TakesTheFirstSourcePresent) {
         });
         return quovix_symmetry_ptr(s);
     };
+    // Operations first (either loop name), then H-M, number and Hall symbol; the number of
+    // operations tells which source was read (2 from the loop, 8 for C 2/m and No. 12).
+    const struct {
+        std::string text;
+        int total;
+        const char *source;
+    } cases[] = {
+        {hm + id + loop, 2, "_symmetry_equiv_pos_as_xyz/_space_group_symop_operation_xyz"},
+        {"loop_\n_space_group_symop_id\n_space_group_symop_operation_xyz\n1 x,y,z\n", 1,
+         "_symmetry_equiv_pos_as_xyz/_space_group_symop_operation_xyz"},
+        {id + hm, 8, "H-M symbol"},
+        {hall + "_space_group_IT_number 12\n", 8, "IT id"},
+        {hall, 2, "Hall symbol"},
+    };
     Captured c;
-    quovix_symmetry_ptr s = run(hm + id + loop, c);
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->total, 2);
-    EXPECT_STREQ(s->sg_HM, "");
-    EXPECT_EQ(s->sg_id, 0);
-    EXPECT_EQ(c.out,
-              "Message: determining symmetry from "
-              "_symmetry_equiv_pos_as_xyz/_space_group_symop_operation_xyz ...\n");
-
-    s = run("loop_\n_space_group_symop_id\n_space_group_symop_operation_xyz\n1 x,y,z\n", c);
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->total, 1);
-    EXPECT_EQ(
-        c.out.rfind("Warning: _loop block containing _symmetry_equiv_pos_as_xyz not found.\n", 0),
-        0u);
-
-    s = run(id + hm, c);
-    ASSERT_TRUE(s);
-    EXPECT_STREQ(s->sg_HM, "C 2/m");
-    // The whole message sequence is pinned by the e2e case print-sym-CuCrP2Se6-HM-only.
-    EXPECT_NE(c.out.find("Message: determining symmetry from H-M symbol ...\n"), std::string::npos);
-
-    s = run(hall + "_space_group_IT_number 12\n", c);
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->sg_id, 12);
-    EXPECT_NE(c.out.find("Message: determining symmetry from IT id ...\n"), std::string::npos);
-
-    s = run(hall, c);
-    ASSERT_TRUE(s);
-    EXPECT_STREQ(s->sg_Hall, "-P 1");
-    EXPECT_NE(c.out.find("Message: determining symmetry from Hall symbol ...\n"),
-              std::string::npos);
-
+    quovix_symmetry_ptr s;
+    for (const auto &k : cases) {
+        s = run(k.text, c);
+        ASSERT_TRUE(s) << k.source;
+        EXPECT_EQ(s->total, k.total) << k.source;
+        EXPECT_NE(
+            c.out.find("Message: determining symmetry from " + std::string(k.source) + " ...\n"),
+            std::string::npos)
+            << c.out;
+    }
     s = run("_cell_length_a 3\n", c);
     EXPECT_FALSE(s);
     EXPECT_EQ(c.err, "");
@@ -338,34 +300,20 @@ TEST(AtomEqual, ToleranceAcrossThePeriodicBoundary) {
     b.occ = 0.53;
     EXPECT_FALSE(quovix_atom_equal(&a, &b));
     b.occ = 0.519;
-    EXPECT_TRUE(quovix_atom_equal(&a, &b));
-    b.x_f[0] = 0.9961;  // 0.0049 apart across the boundary
-    EXPECT_TRUE(quovix_atom_equal(&a, &b));
-    b.x_f[0] = 0.9949;  // 0.0051 apart
+    b.x_f[0] = 0.9949;  // 0.0051 apart across the boundary
     EXPECT_FALSE(quovix_atom_equal(&a, &b));
     b.x_f[0] = 0.0059;  // 0.0049 apart directly
     EXPECT_TRUE(quovix_atom_equal(&a, &b));
-    b.x_f[0] = 0.0061;
-    EXPECT_FALSE(quovix_atom_equal(&a, &b));
     b.x_f[0] = 0.001;
-    b.os = 2;
-    EXPECT_FALSE(quovix_atom_equal(&a, &b));
-    b.os = 1;
     std::strcpy(b.type, "LI");
     EXPECT_FALSE(quovix_atom_equal(&a, &b));
-    EXPECT_FALSE(quovix_atom_belong(&a, &b, 1));
-    EXPECT_TRUE(quovix_atom_belong(&a, &a, 1));
 }
 
 TEST(AtomSort, LabelsInNaturalOrderWithinEqualSpecies) {
     EXPECT_LT(quovix_atom_name_compare("Li2", "Li10"), 0);
-    EXPECT_GT(quovix_atom_name_compare("Li10", "Li2"), 0);
-    EXPECT_EQ(quovix_atom_name_compare("O1", "O1"), 0);
-    EXPECT_LT(quovix_atom_name_compare("O", "O1"), 0);   // shorter first
-    EXPECT_LT(quovix_atom_name_compare("O1", "Oa"), 0);  // digit before non-digit
-    EXPECT_LT(quovix_atom_name_compare("Li2a", "Li2b"), 0);
-    EXPECT_GT(quovix_atom_name_compare("Li02", "Li2"),
-              0);  // equal numbers, then position by position
+    EXPECT_LT(quovix_atom_name_compare("O", "O1"), 0);      // shorter first
+    EXPECT_LT(quovix_atom_name_compare("O1", "Oa"), 0);     // digit before non-digit
+    EXPECT_GT(quovix_atom_name_compare("Li02", "Li2"), 0);  // equal numbers: by position
 
     auto cell = cubic_cell(4.0, {{"Li10", "Li", 1, 0.1, 0, 0, 1.0},
                                  {"O1", "O", -2, 0.2, 0, 0, 1.0},
@@ -490,19 +438,8 @@ TEST_F(RealStructures, BinnedPartnerSearchesMatchThePlainOnes) {
     }
 }
 
-// The expanded rock salt cell (8 atoms at 0 and 1/2) is pinned by the e2e case print-cell-NaCl.
-TEST(Expansion, SpawnLimit) {
-    Loaded l = load(data_file("NaCl_rocksalt.cif"));
-    ASSERT_EQ(l.status, 0);
-    QUOVIX_ATOM *atom = quovix_atom_new(QUOVIX_MAX_ATOMS / 100);
-    long total = QUOVIX_MAX_ATOMS / 100;
-    Captured c =
-        capture([&] { EXPECT_EQ(quovix_atom_spawn_by_symmetry(&atom, &total, l.sym.get()), 1); });
-    EXPECT_EQ(c.err,
-              "Error: 10000 atoms times 192 operations exceed the limit of 1000000 atoms.\n");
-    EXPECT_EQ(total, QUOVIX_MAX_ATOMS / 100);
-    quovix_atom_free(atom);
-}
+// The expanded rock salt cell is pinned by the e2e case print-cell-NaCl, the limit on the
+// expanded atoms by the case "huge expansion" of ReadCif.MalformedInputGivesTheErrorChain.
 
 TEST(GridForm, IndicesWrapIntoTheGrid) {
     quovix_symmetry_ptr sym(quovix_symmetry_new(1));
@@ -518,12 +455,6 @@ TEST(GridForm, IndicesWrapIntoTheGrid) {
     EXPECT_EQ(out[0], 19);  // -11 + 10 = -1 -> 19
     EXPECT_EQ(out[1], 19);
     EXPECT_EQ(out[2], 22);
-    const long far[3] = {0, 40, 0};
-    quovix_card_transform_vector3_long(out, far, n, &sym->card[0]);
-    EXPECT_EQ(out[1], 0);
-    quovix_symmetry_ptr empty(quovix_symmetry_new(0));
-    Captured c = capture([&] { EXPECT_EQ(quovix_symmetry_fill_card_discrete(empty.get(), n), 1); });
-    EXPECT_EQ(c.err, "Error: QUOVIX_SYMMETRY has not been properly initialized.\n");
 }
 
 // ------------------------------------------------------------------ validation and search
@@ -551,9 +482,6 @@ TEST(Validation, ToleranceIsCartesianAndNotPeriodic) {
     edge->atom[0].x_f[0] = 0.0;
     quovix_cell_update_cartesion(edge.get());
     EXPECT_TRUE(quovix_cell_validate_by_symmetry(edge.get(), inv.get(), 0.01));
-    Captured c =
-        capture([&] { EXPECT_FALSE(quovix_cell_validate_by_symmetry(nullptr, inv.get(), 0.01)); });
-    EXPECT_EQ(c.err, "Error: QUOVIX_CELL or QUOVIX_SYMMETRY has not been properly initialized.\n");
 }
 
 TEST(SpaceGroupSearch, P1RockSaltKeepsTheLastFittingSetting) {
@@ -572,10 +500,6 @@ TEST(SpaceGroupSearch, P1RockSaltKeepsTheLastFittingSetting) {
     ASSERT_TRUE(found) << c.err;
     EXPECT_EQ(found->sg_id, 225);
     EXPECT_STREQ(found->sg_HM, "F m -3 m");
-    EXPECT_EQ(
-        c.out.rfind("Message: total 530 space group settings found in " + symcards() + ".\n", 0),
-        0u);
-    EXPECT_NE(c.out.find("Message: structure fits to symmetry P 1.\n"), std::string::npos);
     EXPECT_NE(c.out.find("Message: structure fits to symmetry P m -3 m.\n"), std::string::npos);
     const std::string tail =
         "Message: structure fits to symmetry F m -3 m.\nMessage: determined space group: F m -3 "

@@ -18,16 +18,8 @@
 
 namespace {
 
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void put(const std::string &path, const std::string &text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
+using test_tmp::read_file;
+using test_tmp::write_file;
 
 int write_whole(const std::string &path, const std::string &text) {
     quovix_output_file out(path.c_str());
@@ -55,11 +47,11 @@ std::string fresh_dir(const char *name) {
 // renamed over the name, not the old inode rewritten.
 TEST(OutputFile, ReplacesByRenameSoAHardLinkKeepsTheOldContent) {
     const std::string d = fresh_dir("link");
-    put(d + "out.cube", "old result\n");
+    write_file(d + "out.cube", "old result\n");
     ASSERT_EQ(::link((d + "out.cube").c_str(), (d + "keep.cube").c_str()), 0);
     ASSERT_EQ(write_whole(d + "out.cube", "new result\n"), 0);
-    EXPECT_EQ(slurp(d + "out.cube"), "new result\n");
-    EXPECT_EQ(slurp(d + "keep.cube"), "old result\n");
+    EXPECT_EQ(read_file(d + "out.cube"), "new result\n");
+    EXPECT_EQ(read_file(d + "keep.cube"), "old result\n");
     EXPECT_EQ(entries(d), 2);  // no temporary file left
 }
 
@@ -68,7 +60,7 @@ TEST(OutputFile, ReplacesByRenameSoAHardLinkKeepsTheOldContent) {
 // the limit and the ignored SIGXFSZ must not reach the test runner.
 TEST(OutputFile, FailedWriteLeavesTheOldFileIntact) {
     const std::string d = fresh_dir("fsize");
-    put(d + "out.cif", "old result\n");
+    write_file(d + "out.cif", "old result\n");
     const pid_t pid = ::fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
@@ -83,20 +75,20 @@ TEST(OutputFile, FailedWriteLeavesTheOldFileIntact) {
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0) << "the commit did not report the short write";
-    EXPECT_EQ(slurp(d + "out.cif"), "old result\n");
+    EXPECT_EQ(read_file(d + "out.cif"), "old result\n");
     EXPECT_EQ(entries(d), 1);
 }
 
 // An output abandoned before commit() (an error, an early return) removes its temporary file.
 TEST(OutputFile, AbandonedOutputLeavesNothing) {
     const std::string d = fresh_dir("abandon");
-    put(d + "out.cif", "old result\n");
+    write_file(d + "out.cif", "old result\n");
     {
         quovix_output_file out((d + "out.cif").c_str());
         ASSERT_TRUE(out);
         std::fputs("half", out.get());
     }
-    EXPECT_EQ(slurp(d + "out.cif"), "old result\n");
+    EXPECT_EQ(read_file(d + "out.cif"), "old result\n");
     EXPECT_EQ(entries(d), 1);
     // A name whose directory does not exist cannot even be started.
     quovix_output_file none((d + "missing/out.cif").c_str());
@@ -107,16 +99,16 @@ TEST(OutputFile, AbandonedOutputLeavesNothing) {
 // old files and no temporary ones.
 TEST(OutputFile, GroupPutsItsFilesInPlaceTogether) {
     const std::string d = fresh_dir("group");
-    put(d + "a.cube", "old a\n");
-    put(d + "a_assigned.cif", "old b\n");
+    write_file(d + "a.cube", "old a\n");
+    write_file(d + "a_assigned.cif", "old b\n");
     {
         quovix_output_group pair;
         ASSERT_EQ(write_whole(d + "a_assigned.cif", "new b\n"), 0);
         ASSERT_EQ(write_whole(d + "a.cube", "new a\n"), 0);
-        EXPECT_EQ(slurp(d + "a.cube"), "old a\n");  // not yet in place
-        EXPECT_EQ(slurp(d + "a_assigned.cif"), "old b\n");
+        EXPECT_EQ(read_file(d + "a.cube"), "old a\n");  // not yet in place
+        EXPECT_EQ(read_file(d + "a_assigned.cif"), "old b\n");
     }
-    EXPECT_EQ(slurp(d + "a.cube"), "old a\n");
+    EXPECT_EQ(read_file(d + "a.cube"), "old a\n");
     EXPECT_EQ(entries(d), 2);
     {
         quovix_output_group pair;
@@ -124,8 +116,8 @@ TEST(OutputFile, GroupPutsItsFilesInPlaceTogether) {
         ASSERT_EQ(write_whole(d + "a.cube", "new a\n"), 0);
         EXPECT_EQ(pair.commit(), 0);
     }
-    EXPECT_EQ(slurp(d + "a.cube"), "new a\n");
-    EXPECT_EQ(slurp(d + "a_assigned.cif"), "new b\n");
+    EXPECT_EQ(read_file(d + "a.cube"), "new a\n");
+    EXPECT_EQ(read_file(d + "a_assigned.cif"), "new b\n");
     EXPECT_EQ(entries(d), 2);
 }
 
@@ -133,7 +125,7 @@ TEST(OutputFile, GroupPutsItsFilesInPlaceTogether) {
 // (also under another name, a hard link) are refused; a new file beside the input is fine.
 TEST(OutputFile, CheckRefusesUnwritablePathsAndTheInput) {
     const std::string d = fresh_dir("check");
-    put(d + "in.cif", "data_x\n");
+    write_file(d + "in.cif", "data_x\n");
     ASSERT_EQ(::link((d + "in.cif").c_str(), (d + "alias.cif").c_str()), 0);
     testing::internal::CaptureStderr();
     EXPECT_EQ(quovix_output_check((d + "new.cif").c_str(), (d + "in.cif").c_str()), 0);
@@ -149,7 +141,7 @@ TEST(OutputFile, CheckRefusesUnwritablePathsAndTheInput) {
 // temporary file on the way out; the old result stays.
 TEST(OutputFile, TerminationRemovesTheTemporaryFile) {
     const std::string d = fresh_dir("sigterm");
-    put(d + "out.cube", "old result\n");
+    write_file(d + "out.cube", "old result\n");
     const pid_t pid = ::fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
@@ -163,6 +155,6 @@ TEST(OutputFile, TerminationRemovesTheTemporaryFile) {
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), SIGTERM);
-    EXPECT_EQ(slurp(d + "out.cube"), "old result\n");
+    EXPECT_EQ(read_file(d + "out.cube"), "old result\n");
     EXPECT_EQ(entries(d), 1);
 }
