@@ -94,6 +94,16 @@ void print_neighbour(const QUOVIX_CELL *cell, long k, const QUOVIX_CN_BOND &b) {
                 quovix_sign_char(a.os), b.d, a.occ);
 }
 
+// The words [input.cif] [atom name] | {r_max} of --cal-cn and --cal-cn-atom: reads r_max, the
+// structure and the atom, and lists the atom's neighbours; null after the error line.
+quovix_cn_ptr site_neighbours(const QUOVIX_CMD_OPT *opt, const quovix_args &args, loaded &s,
+                              long &site, double &r_max) {
+    if (!read_r_max(args, 2, r_max) || !load(opt, args.c_str(0), s)) return nullptr;
+    site = find_atom(s, args, 1);
+    if (site < 0) return nullptr;
+    return calculate(s, site, r_max);
+}
+
 }  // namespace
 
 /// --cal-cn [input.cif] [atom name] | {r_max}: coordination number by the distance shell.
@@ -109,12 +119,9 @@ void quovix_cmd_opt_do_cal_cn(QUOVIX_CMD_OPT *opt) {
         return;
     }
     double r_max = 0.0;
-    if (!read_r_max(args, 2, r_max)) return;
     loaded s;
-    if (!load(opt, args.c_str(0), s)) return;
-    const long site = find_atom(s, args, 1);
-    if (site < 0) return;
-    quovix_cn_ptr cn = calculate(s, site, r_max);
+    long site = -1;
+    quovix_cn_ptr cn = site_neighbours(opt, args, s, site, r_max);
     if (!cn) return;
     print_site("first shell of", s.cell->atom[site]);
     std::printf("CN:    # name type          d   occ\n");
@@ -149,12 +156,9 @@ void quovix_cmd_opt_do_cal_cn_atom(QUOVIX_CMD_OPT *opt) {
         return;
     }
     double r_max = 0.0;
-    if (!read_r_max(args, 2, r_max)) return;
     loaded s;
-    if (!load(opt, args.c_str(0), s)) return;
-    const long site = find_atom(s, args, 1);
-    if (site < 0) return;
-    quovix_cn_ptr cn = calculate(s, site, r_max);
+    long site = -1;
+    quovix_cn_ptr cn = site_neighbours(opt, args, s, site, r_max);
     if (!cn) return;
     print_site("neighbours of", s.cell->atom[site]);
     std::printf("CN: %ld neighbours within %f A\n", cn->total, r_max);
