@@ -149,14 +149,7 @@ void quovix_cmd_opt_do_gen_gin(QUOVIX_CMD_OPT *opt) {
     }
     char type[QUOVIX_TYPE_LEN] = {};
     int os = 0;
-    if (std::sscanf(args.c_str(1), "%2s", type) != 1) {
-        std::fputs("Error: wrong parameter type.\n", stderr);
-        return;
-    }
-    if (!args.read_int(2, os) || os == 0) {
-        std::fputs("Error: wrong parameter os.\n", stderr);
-        return;
-    }
+    if (!quovix_cmd_read_type_os(args, 1, type, os)) return;
     double sf = 0.0, temperature = default_temperature, production = default_production;
     if (!quovix_cmd_read_sf(args, 3, sf)) return;
     if (args.has(4) && (!args.read_double(4, temperature) || !(temperature <= 1e5))) {

@@ -134,18 +134,6 @@ void run_band(const QUOVIX_CMD_OPT *opt, std::vector<quovix_cell_ptr> &cells, lo
     std::printf("Message: energy profile saved to %s\n", name);
 }
 
-bool read_type_os(const quovix_args &args, std::size_t i, char type[QUOVIX_TYPE_LEN], int &os) {
-    if (std::sscanf(args.c_str(i), "%2s", type) != 1) {
-        std::fputs("Error: wrong parameter type.\n", stderr);
-        return false;
-    }
-    if (!args.read_int(i + 1, os) || os == 0) {
-        std::fputs("Error: wrong parameter os.\n", stderr);
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 /// --rx-sd [input.cif] | {sf} {steps} {flag:relax_lattice} {output_name}
@@ -219,7 +207,7 @@ void quovix_cmd_opt_do_rx_neb(QUOVIX_CMD_OPT *opt) {
     }
     char type[QUOVIX_TYPE_LEN] = {};
     int os = 0;
-    if (!read_type_os(args, 2, type, os)) return;
+    if (!quovix_cmd_read_type_os(args, 2, type, os)) return;
     long images = default_images, steps = default_neb_steps;
     double sf = 0.0;
     if (!read_count(args, 4, max_images, images, "images") || !quovix_cmd_read_sf(args, 5, sf) ||
@@ -256,7 +244,7 @@ void quovix_cmd_opt_do_rx_neb_images(QUOVIX_CMD_OPT *opt) {
     }
     char type[QUOVIX_TYPE_LEN] = {};
     int os = 0;
-    if (!read_type_os(args, 2, type, os)) return;
+    if (!quovix_cmd_read_type_os(args, 2, type, os)) return;
     double sf = 0.0;
     long steps = default_neb_steps;
     if (!quovix_cmd_read_sf(args, 4, sf) || !read_count(args, 5, max_steps, steps, "steps")) return;

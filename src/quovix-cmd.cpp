@@ -326,6 +326,19 @@ bool quovix_cmd_output_name(const quovix_args &args, std::size_t i, const char *
     return true;
 }
 
+bool quovix_cmd_read_type_os(const quovix_args &args, std::size_t i, char type[QUOVIX_TYPE_LEN],
+                             int &os) {
+    if (std::sscanf(args.c_str(i), "%2s", type) != 1) {
+        std::fputs("Error: wrong parameter type.\n", stderr);
+        return false;
+    }
+    if (!args.read_int(i + 1, os) || os == 0) {
+        std::fputs("Error: wrong parameter os.\n", stderr);
+        return false;
+    }
+    return true;
+}
+
 bool quovix_cmd_read_sf(const quovix_args &args, std::size_t i, double &sf) {
     sf = -0.1;
     if (!args.has(i)) return true;

@@ -72,6 +72,10 @@ void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input, c
 /// line when the file cannot be written.
 [[nodiscard]] bool quovix_cmd_output_name(const quovix_args &args, std::size_t i,
                                           const char *suffix, char out[QUOVIX_PATH_LEN]);
+/// An ion given as words i and i + 1: element symbol (two characters at most) and a non-zero
+/// oxidation state; false after "Error: wrong parameter type." or "... os.".
+[[nodiscard]] bool quovix_cmd_read_type_os(const quovix_args &args, std::size_t i,
+                                           char type[QUOVIX_TYPE_LEN], int &os);
 /// The one way to print a usage block ("Command: ..." and "Example: ..." lines): each line as
 /// given (the lines carry their own line ends), on standard output.
 void quovix_cmd_print_lines(std::initializer_list<const char *> lines);
