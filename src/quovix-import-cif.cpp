@@ -75,20 +75,12 @@ struct ElementRow {
 bool read_element_table(const char *path, std::vector<ElementRow> &table) {
     quovix_file_ptr fp(path != nullptr ? std::fopen(path, "rb") : nullptr);
     if (!fp) return false;
-    char buf[1024];
-    bool started = false;
-    while (std::fgets(buf, sizeof buf, fp.get()) != nullptr) {
-        if (!started) {
-            started = std::strstr(buf, "DATA_START") != nullptr;
-            continue;
-        }
-        if (std::strstr(buf, "DATA_END") != nullptr) break;
+    quovix_data_lines_for_each(fp.get(), [&](const char *buf) {
         int z = 0, os = 0, def = 0;
         char sym[16] = {0};
-        if (std::sscanf(buf, "%d %15s %d %d", &z, sym, &os, &def) == 4) {
-            table.push_back({sym, def});
-        }
-    }
+        if (std::sscanf(buf, "%d %15s %d %d", &z, sym, &os, &def) == 4) table.push_back({sym, def});
+        return false;
+    });
     return true;
 }
 

@@ -66,21 +66,12 @@ bool next_int(const char *&p, int &value) {
     return true;
 }
 
-// Data lines of a parameter file: everything after the line containing "DATA_START" up to the
-// line containing "DATA_END" (excluded) or the end of the file. Lines are read as fgets
-// chunks of 1023 characters, so an overlong line is seen as several lines.
+// Data lines of a parameter file with their keys (quovix_data_lines_for_each).
 [[nodiscard]] bool load_data_lines(const char *path, line_kind kind,
                                    std::vector<keyed_line> &lines) {
     quovix_file_ptr file{path ? std::fopen(path, "rb") : nullptr};
     if (!file) return false;
-    char buf[line_buffer_size];
-    bool started = false;
-    while (std::fgets(buf, sizeof buf, file.get()) != nullptr) {
-        if (!started) {
-            started = std::strstr(buf, "DATA_START") != nullptr;
-            continue;
-        }
-        if (std::strstr(buf, "DATA_END") != nullptr) break;
+    quovix_data_lines_for_each(file.get(), [&](const char *buf) {
         keyed_line line;
         line.text = buf;
         const char *p = buf;
@@ -92,23 +83,9 @@ bool next_int(const char *&p, int &value) {
                          next_word(p, line.type2) && next_int(p, line.os2);
         }
         lines.push_back(std::move(line));
-    }
+        return false;
+    });
     return true;
-}
-
-// Line-by-line scan of the data lines of an already opened file; `visit` returns true to stop.
-template <class F>
-void scan_data_lines(std::FILE *file, F &&visit) {
-    char buf[line_buffer_size];
-    bool started = false;
-    while (std::fgets(buf, sizeof buf, file) != nullptr) {
-        if (!started) {
-            started = std::strstr(buf, "DATA_START") != nullptr;
-            continue;
-        }
-        if (std::strstr(buf, "DATA_END") != nullptr) return;
-        if (visit(buf)) return;
-    }
 }
 
 // Result of matching one record against the data lines.
@@ -264,7 +241,7 @@ int quovix_property_unitary_read_from_file(QUOVIX_PROPERTY_UNITARY *uni, const c
         return 1;
     }
     int status = 0;
-    scan_data_lines(file.get(), [&](const char *line) {
+    quovix_data_lines_for_each(file.get(), [&](const char *line) {
         const match_result r = match_unitary(uni, line);
         if (r == match_result::unreadable) {
             std::fputs("Error: unable read QUOVIX_PROPERTY_UNITARY.\n", stderr);
@@ -294,7 +271,7 @@ int quovix_property_binary_read_from_file(QUOVIX_PROPERTY_BINARY *bin, const cha
         return 1;
     }
     int status = 0;
-    scan_data_lines(file.get(), [&](const char *line) {
+    quovix_data_lines_for_each(file.get(), [&](const char *line) {
         const match_result r = match_binary(bin, line);
         if (r == match_result::unreadable) {
             std::fputs("Error: unable read QUOVIX_PROPERTY_BINARY.\n", stderr);
@@ -389,7 +366,7 @@ int quovix_property_type_from_atomic_number(int an, QUOVIX_ATOM *atom, const cha
         return 1;
     }
     int status = -1;  // -1: not found yet
-    scan_data_lines(file.get(), [&](char *line) {
+    quovix_data_lines_for_each(file.get(), [&](char *line) {
         int z = 0, os = 0;
         char symbol[line_buffer_size];
         const int k = std::sscanf(line, "%d %1023s %*d %d", &z, symbol, &os);

@@ -2,9 +2,31 @@
 // parameter sets and pair functions.
 #pragma once
 
+#include <cstdio>
+#include <cstring>
 #include <span>  // lists of pair-parameter checks
 
 #include "quovix-alloc.hpp"
+
+// ======================================================================
+// Data files (parameter and element tables)
+// ======================================================================
+/// Calls visit(line) for each data line of an open data file: the lines after the one
+/// containing "DATA_START" up to the one containing "DATA_END" (excluded) or the end of the
+/// file, read as fgets chunks of 1023 characters (an overlong line is seen as several lines).
+/// `visit` receives the line buffer (which it may modify) and returns true to stop.
+template <class F>
+void quovix_data_lines_for_each(std::FILE *file, F &&visit) {
+    char buf[1024];
+    bool started = false;
+    while (std::fgets(buf, sizeof buf, file) != nullptr) {
+        if (!started) {
+            started = std::strstr(buf, "DATA_START") != nullptr;
+            continue;
+        }
+        if (std::strstr(buf, "DATA_END") != nullptr || visit(buf)) return;
+    }
+}
 
 // ======================================================================
 // CIF text (quovix-import-text.cpp): tokenizer, loop-block and keyword searches

@@ -144,22 +144,17 @@ bool assigner::read_states() {
         std::fprintf(stderr, "Error: unable to open %s\n", dir_unitary_ ? dir_unitary_ : "");
         return false;
     }
-    char buf[1024];
-    bool started = false;
-    while (std::fgets(buf, sizeof buf, fp.get()) != nullptr) {
-        if (!started) {
-            started = std::strstr(buf, "DATA_START") != nullptr;
-            continue;
-        }
-        if (std::strstr(buf, "DATA_END") != nullptr) break;
+    quovix_data_lines_for_each(fp.get(), [&](const char *buf) {
         int z = 0, os = 0;
         char sym[3] = {0};
-        if (std::sscanf(buf, "%d %2s %d", &z, sym, &os) != 3 || os == 0 || os == kUnknown) continue;
+        if (std::sscanf(buf, "%d %2s %d", &z, sym, &os) != 3 || os == 0 || os == kUnknown)
+            return false;
         std::vector<int> &list = states_[sym];
         if (std::find(list.begin(), list.end(), os) == list.end() &&
             list.size() < static_cast<std::size_t>(QUOVIX_OS_MAX_STATES))
             list.push_back(os);
-    }
+        return false;
+    });
     for (auto &[symbol, list] : states_) std::sort(list.begin(), list.end());
     return true;
 }
