@@ -399,8 +399,11 @@ struct atom_contacts {
     double bond = 0.0;  // bonding energy of the atom's contacts (reduced units)
     // The n Coulomb contacts, grouped by partner species and sorted by distance within a
     // group, as three arrays in one block of a pool: d[0..n), w[n..2n) (occ_i occ_j), and
-    // tail[2n..3n), the total weight of a contact and the farther ones of its group. The
-    // groups' bounds are kept by the cell (fit_models::groups).
+    // tail[2n..3n), the total weight of a contact and the farther ones of its group. In a
+    // fully occupied cell every weight is 1 and the tail of a contact is the count of the
+    // group's contacts from it on, so the block holds d alone: a third of the memory, whose
+    // first touch is a good part of the lists' cost. The groups' bounds are kept by the cell
+    // (fit_models::groups).
     std::size_t pool = 0, offset = 0, n = 0;
 };
 
@@ -411,6 +414,8 @@ struct fit_models {
     // buffers instead of one small one per atom, cheap to allocate and to free.
     std::vector<std::vector<double>> pools;
     double expected_contacts = 0.0;  // estimate of all cells' contacts
+    bool unit_weights = false;       // every atom fully occupied: blocks hold d alone
+    std::size_t arrays() const { return unit_weights ? 1 : 3; }
     const double *block(const atom_contacts &a) const { return pools[a.pool].data() + a.offset; }
     // [cell][atom * (species + 1) + g]: first contact of partner species g in the atom's lists,
     // the last entry their end (all 0 for an ignored atom).
@@ -433,8 +438,9 @@ struct found_contact {
 
 // The contact lists of atom i of a cell; `scratch` is the calling thread's work space.
 // `start` receives the bounds of the species groups (species + 1 entries).
-void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, atom_contacts &out,
-                         std::uint32_t *start, std::vector<std::vector<found_contact>> &scratch,
+void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, bool unit_weights,
+                         atom_contacts &out, std::uint32_t *start,
+                         std::vector<std::vector<found_contact>> &scratch,
                          std::vector<double> &pool) {
     if (cell->atom[i].ignored) return;
     const double occ_i = cell->atom[i].occ;
@@ -455,7 +461,7 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     out.bond = e;
     out.offset = pool.size();
     out.n = count;
-    pool.resize(pool.size() + 3 * count);
+    pool.resize(pool.size() + (unit_weights ? 1 : 3) * count);
     double *d = pool.data() + out.offset, *w = d + count, *tail = w + count;
     std::size_t n = 0;
     start[0] = 0;
@@ -464,15 +470,14 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
             return x.d < y.d || (x.d == y.d && x.order < y.order);
         });
         const std::size_t first = n;
-        for (const found_contact &f : list) {
-            d[n] = f.d;
-            w[n] = f.w;
-            ++n;
-        }
-        double sum = 0.0;
-        for (std::size_t k = n; k > first; --k) {
-            sum += w[k - 1];
-            tail[k - 1] = sum;
+        for (const found_contact &f : list) d[n++] = f.d;
+        if (!unit_weights) {
+            double sum = 0.0;
+            for (std::size_t k = n; k > first; --k) {
+                w[k - 1] = list[k - 1 - first].w;
+                sum += w[k - 1];
+                tail[k - 1] = sum;
+            }
         }
         start[&list - scratch.data() + 1] = static_cast<std::uint32_t>(n);
     }
@@ -504,6 +509,9 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
         fm.first.push_back(fm.first.back() + static_cast<long>(fm.atoms[c].size()));
     }
     const long items = fm.first.back();
+    const QUOVIX_CELL *base = copies[0].get();
+    fm.unit_weights = std::all_of(base->atom, base->atom + std::max(base->total, 0L),
+                                  [](const QUOVIX_ATOM &a) { return a.occ == 1.0; });
     bool ok = true;
     fm.pools.resize(static_cast<std::size_t>(omp_get_max_threads()));
     // One parallel region for the image clouds and the lists, without a barrier between them:
@@ -533,8 +541,9 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
         // Room for this thread's share of the lists (an upper estimate: every pair within the
         // search radius), so that the pool seldom grows.
         try {
-            pool.reserve(static_cast<std::size_t>(3.0 * fm.expected_contacts /
-                                                  static_cast<double>(omp_get_num_threads())));
+            pool.reserve(
+                static_cast<std::size_t>(static_cast<double>(fm.arrays()) * fm.expected_contacts /
+                                         static_cast<double>(omp_get_num_threads())));
         } catch (...) {
         }
 #pragma omp for schedule(dynamic, 4)
@@ -550,8 +559,8 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
             try {
                 const auto at = static_cast<std::size_t>(i);
                 fm.atoms[c][at].pool = me;
-                build_atom_contacts(copies[c].get(), fm.setups[c], i, fm.atoms[c][at],
-                                    &fm.groups[c][at * fm.stride], scratch, pool);
+                build_atom_contacts(copies[c].get(), fm.setups[c], i, fm.unit_weights,
+                                    fm.atoms[c][at], &fm.groups[c][at * fm.stride], scratch, pool);
             } catch (...) {
 #pragma omp atomic write
                 ok = false;
@@ -565,7 +574,10 @@ void build_atom_contacts(const QUOVIX_CELL *cell, const pair_setup &s, long i, a
     return true;
 }
 
-// Energy (reduced units) of one atom's contacts at screening factor sf.
+// Energy (reduced units) of one atom's contacts at screening factor sf. With unit weights the
+// products w * E and tail * shift are E and count * shift exactly, so both layouts give the
+// same sums.
+template <bool unit_weights>
 double atom_energy(const atom_contacts &a, const double *block, const std::uint32_t *start,
                    std::size_t groups, const pair_term *terms, const double *shift, double sf) {
     double e = a.bond;
@@ -579,9 +591,15 @@ double atom_energy(const atom_contacts &a, const double *block, const std::uint3
         const double *cut = std::partition_point(d + begin, d + end,
                                                  [r_eff](double x) { return !(x / r_eff > 6.0); });
         const auto screened = static_cast<std::uint32_t>(cut - d);
-        for (std::uint32_t c = begin; c < screened; ++c)
-            e += w[c] * coulomb_energy(d[c], t.q, r_eff, shift[g]);
-        if (screened < end) e -= tail[screened] * shift[g];
+        if constexpr (unit_weights) {
+            for (std::uint32_t c = begin; c < screened; ++c)
+                e += coulomb_energy(d[c], t.q, r_eff, shift[g]);
+            if (screened < end) e -= static_cast<double>(end - screened) * shift[g];
+        } else {
+            for (std::uint32_t c = begin; c < screened; ++c)
+                e += w[c] * coulomb_energy(d[c], t.q, r_eff, shift[g]);
+            if (screened < end) e -= tail[screened] * shift[g];
+        }
     }
     return e;
 }
@@ -600,9 +618,10 @@ void fit_energies(const fit_models &fm, const std::vector<quovix_cell_ptr> &copi
         const std::size_t c = fm.cell_of(it);
         const auto i = static_cast<std::size_t>(it - fm.first[c]);
         const std::size_t row = static_cast<std::size_t>(fm.setups[c].sp[i]) * s0.total;
+        const auto energy_of = fm.unit_weights ? atom_energy<true> : atom_energy<false>;
         partial[static_cast<std::size_t>(it)] =
-            atom_energy(fm.atoms[c][i], fm.block(fm.atoms[c][i]), &fm.groups[c][i * fm.stride],
-                        fm.stride - 1, &s0.table[row], &shift_all[row], sf);
+            energy_of(fm.atoms[c][i], fm.block(fm.atoms[c][i]), &fm.groups[c][i * fm.stride],
+                      fm.stride - 1, &s0.table[row], &shift_all[row], sf);
     }
     energy.assign(copies.size(), 0.0);
     for (std::size_t c = 0; c < copies.size(); ++c) {

@@ -207,6 +207,24 @@ TEST(ScreeningFactor, ConvergesToAPressureSignChange) {
     EXPECT_LT(pressure(sf - 0.005) * pressure(sf + 0.005), 0.0);
 }
 
+// Partial occupancies weight the cached contacts (a fully occupied cell keeps distances alone):
+// the first report must still match the public stress.
+TEST(ScreeningFactor, CachedPressureWithPartialOccupancies) {
+    auto cell = read_cif("Li7B7Se15.cif");
+    auto ppt = property_of(cell.get());
+    ASSERT_TRUE(ppt);
+    ppt->sf = -1.0;
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(quovix_property_calculate_screening_factor(ppt.get(), cell.get()), 0);
+    const std::string out = testing::internal::GetCapturedStdout();
+    double sf1 = 0, p1 = 0;
+    ASSERT_EQ(std::sscanf(out.c_str(), "Message: calculating sf=%lf; p=%lf", &sf1, &p1), 2) << out;
+    ppt->sf = 0.75;
+    double st[3];
+    ASSERT_EQ(quovix_cell_calculate_stress_diagonal(st, cell.get(), ppt.get()), 0);
+    EXPECT_NEAR(p1, (st[0] + st[1] + st[2]) / 3.0, 6e-6);
+}
+
 TEST(ScreeningFactor, LeavingTheBoundsFallsBackToTheDefault) {
     // The pressure of Ag7PSe6 does not change sign within 0.55-1.0 (Li2O did until the CN of
     // Li+-O2- became the characteristic 4.64; its fit now ends at 0.648).
