@@ -42,6 +42,17 @@ double wrap_unit(double v) {
     return v;
 }
 
+// Byte order of two element symbols (strcmp within the symbol field), inline: the sorts and
+// the partner searches compare symbols hundreds of thousands of times on a large cell.
+inline int type_compare(const char (&a)[QUOVIX_TYPE_LEN], const char (&b)[QUOVIX_TYPE_LEN]) {
+    for (int k = 0; k < QUOVIX_TYPE_LEN; ++k) {
+        const auto ca = static_cast<unsigned char>(a[k]), cb = static_cast<unsigned char>(b[k]);
+        if (ca != cb) return ca < cb ? -1 : 1;
+        if (ca == 0) break;
+    }
+    return 0;
+}
+
 // Cartesian position of a fractional one; the rows of `a` are the lattice vectors.
 void frac_to_cart(double out[3], const double f[3], const double a[3][3]) {
     for (int k = 0; k < 3; ++k) out[k] = f[0] * a[0][k] + f[1] * a[1][k] + f[2] * a[2][k];
@@ -54,8 +65,9 @@ double distance3(const double p[3], const double q[3]) {
 
 // Fractional-coordinate bins for the partner searches of duplicate removal, reduction and
 // site numbering. Every bin is at least kSameSiteFrac wide, so two atoms that can be equal
-// sit in the same or in periodically adjacent bins on every axis; candidates from those 27
-// bins are then tested with quovix_atom_equal itself, so the tolerances are unchanged.
+// sit in the same or in periodically adjacent bins on every axis; candidates from the bins
+// that the window reaches are then tested with quovix_atom_equal itself, so the tolerances
+// are unchanged.
 class FracBins {
    public:
     FracBins(const QUOVIX_ATOM *atom, long total) {
@@ -82,16 +94,28 @@ class FracBins {
         }
     }
 
-    // Calls f(j) for every atom index j in the bins around fractional position x.
+    // Calls f(j) for every atom index j in the bins that the equality window around fractional
+    // position x reaches: on each axis the bins met by [u - w, u + w] (u the wrapped
+    // coordinate, w the window with a margin far above rounding), periodically; mostly one
+    // bin, so that a query tests a few atoms instead of those of 27 bins.
     template <class F>
     void for_each_near(const double x[3], F &&f) const {
-        long c[3];
-        for (int k = 0; k < 3; ++k) c[k] = axis_bin(x[k]);
-        const int reach = nb_ == 1 ? 0 : 1;
-        for (int dx = -reach; dx <= reach; ++dx) {
-            for (int dy = -reach; dy <= reach; ++dy) {
-                for (int dz = -reach; dz <= reach; ++dz) {
-                    const long b = grid_.flat(c[0] + dx, c[1] + dy, c[2] + dz);
+        long lo[3], count[3];
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = axis_bin(x[k]);
+            count[k] = 1;
+            if (nb_ == 1 || !std::isfinite(x[k])) continue;  // see axis_bin
+            constexpr double w = kSameSiteFrac + 1e-9;
+            const double u = wrap_unit(x[k]), n = static_cast<double>(nb_);
+            const long first = static_cast<long>(std::floor((u - w) * n));
+            const long last = static_cast<long>(std::floor((u + w) * n));
+            lo[k] = first;
+            count[k] = std::min(last - first + 1, nb_);
+        }
+        for (long dx = 0; dx < count[0]; ++dx) {
+            for (long dy = 0; dy < count[1]; ++dy) {
+                for (long dz = 0; dz < count[2]; ++dz) {
+                    const long b = grid_.flat(lo[0] + dx, lo[1] + dy, lo[2] + dz);
                     for (long t = start_[static_cast<std::size_t>(b)];
                          t < start_[static_cast<std::size_t>(b) + 1]; ++t) {
                         f(index_[static_cast<std::size_t>(t)]);
@@ -422,7 +446,7 @@ QUOVIX_SYMMETRY *settings_lookup(const char *text, const char *path, Lookup how,
 // ---------------------------------------------------------------------------
 
 int compare_pass(const QUOVIX_ATOM &a, const QUOVIX_ATOM &b, int pass) {
-    const int t = std::strcmp(a.type, b.type);
+    const int t = type_compare(a.type, b.type);
     if (t != 0 || pass == 1) return t;
     if (a.os != b.os || pass == 2) return a.os < b.os ? -1 : (a.os > b.os ? 1 : 0);
     if (a.occ != b.occ || pass == 3) return a.occ < b.occ ? -1 : (a.occ > b.occ ? 1 : 0);
@@ -499,6 +523,13 @@ class Fenwick {
 // by one atom per V, and the final order of rank v reads that list from its head.
 void exchange_pass_fast(QUOVIX_ATOM *atom, long total, int pass) {
     const std::size_t n = static_cast<std::size_t>(total);
+    // An array already in order on the keys of passes 1..pass has no pair that the exchange
+    // sort would swap, so its permutation is the identity (the common case of a cell sorted
+    // before, which several steps of a run sort again).
+    bool ordered = true;
+    for (std::size_t i = 1; i < n && ordered; ++i)
+        ordered = compare_pass(atom[i - 1], atom[i], pass) <= 0;
+    if (ordered) return;
     std::vector<std::size_t> order(n);
     for (std::size_t i = 0; i < n; ++i) order[i] = i;
     std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
@@ -1093,7 +1124,7 @@ int quovix_atom_remove_duplicate_plain(QUOVIX_ATOM **atom, long *total) {
 /// across the periodic boundary), occupancies within 0.02. Labels are not compared.
 bool quovix_atom_equal(const QUOVIX_ATOM *a, const QUOVIX_ATOM *b) {
     if (a == nullptr || b == nullptr) return false;
-    if (std::strcmp(a->type, b->type) != 0 || a->os != b->os) return false;
+    if (type_compare(a->type, b->type) != 0 || a->os != b->os) return false;
     for (int k = 0; k < 3; ++k) {
         const double d = std::fabs(a->x_f[k] - b->x_f[k]);
         if (!(d < kSameSiteFrac) && !(std::fabs(d - 1.0) < kSameSiteFrac)) return false;

@@ -309,6 +309,37 @@ TEST(AtomEqual, ToleranceAcrossThePeriodicBoundary) {
     EXPECT_FALSE(quovix_atom_equal(&a, &b));
 }
 
+// The binned duplicate search looks only at the bins that the equality window reaches: atoms
+// on and beside bin edges (2000 atoms: 10 bins of 0.1 per axis) and across 0/1, with partners
+// just inside and just outside the window, must give the all-pairs result.
+TEST(AtomEqual, BinnedDuplicateSearchAtBinEdges) {
+    const double base[] = {0.0, 1e-12, 0.1, 0.1 - 1e-12, 0.2 + 0.0049, 0.3 - 0.0051, 0.999, 0.5};
+    const double step[] = {0.0, 0.0049, -0.0049, 0.004999999, 0.0051, -0.0051, 1.0, -0.999};
+    std::vector<QUOVIX_ATOM> atoms;
+    std::srand(7);
+    while (atoms.size() < 2000) {
+        QUOVIX_ATOM a{};
+        std::strcpy(a.type, "O");
+        a.os = -2;
+        a.occ = 1.0;
+        for (double &x : a.x_f) {
+            x = base[std::rand() % 8] + step[std::rand() % 8];
+            x -= std::floor(x);
+        }
+        atoms.push_back(a);
+    }
+    QUOVIX_ATOM *a = quovix_atom_new(2000), *b = quovix_atom_new(2000);
+    std::copy(atoms.begin(), atoms.end(), a);
+    std::copy(atoms.begin(), atoms.end(), b);
+    long na = 2000, nb = 2000;
+    ASSERT_EQ(quovix_atom_remove_duplicate(&a, &na), 0);
+    ASSERT_EQ(quovix_atom_remove_duplicate_plain(&b, &nb), 0);
+    EXPECT_TRUE(same_atoms(a, na, b, nb)) << na << " vs " << nb;
+    EXPECT_LT(na, 1000);
+    quovix_atom_free(a);
+    quovix_atom_free(b);
+}
+
 TEST(AtomSort, LabelsInNaturalOrderWithinEqualSpecies) {
     EXPECT_LT(quovix_atom_name_compare("Li2", "Li10"), 0);
     EXPECT_LT(quovix_atom_name_compare("O", "O1"), 0);      // shorter first
