@@ -185,30 +185,6 @@ void build_cloud(const QUOVIX_CELL *cell, const frame &f, double range,
     c.start.assign(1, 0);
     if (!any) return;
     const double reach = range + 1e-3;
-    std::vector<double> pos, kk;
-    std::vector<int> atom;
-    for (long j = 0; j < cell->total; ++j) {
-        const double *x = cell->atom[j].x;
-        if (!finite_position(x)) continue;
-        for (long k1 = -f.n[0]; k1 <= f.n[0]; ++k1) {
-            for (long k2 = -f.n[1]; k2 <= f.n[1]; ++k2) {
-                for (long k3 = -f.n[2]; k3 <= f.n[2]; ++k3) {
-                    double y[3];
-                    bool inside = true;
-                    for (int m = 0; m < 3; ++m) {
-                        y[m] = x[m] - (k1 * f.a[0][m] + k2 * f.a[1][m] + k3 * f.a[2][m]);
-                        inside = inside && y[m] >= lo[m] - reach && y[m] <= hi[m] + reach;
-                    }
-                    if (!inside) continue;
-                    pos.insert(pos.end(), y, y + 3);
-                    const double kv[3] = {static_cast<double>(k1), static_cast<double>(k2),
-                                          static_cast<double>(k3)};
-                    kk.insert(kk.end(), kv, kv + 3);
-                    atom.push_back(static_cast<int>(j));
-                }
-            }
-        }
-    }
     double extent[3], bins = 1.0;
     c.edge = std::max(range / 3.0, 0.5);
     for (int m = 0; m < 3; ++m) {
@@ -220,18 +196,40 @@ void build_cloud(const QUOVIX_CELL *cell, const frame &f, double range,
     for (int m = 0; m < 3; ++m)
         c.nb[m] = std::max(1L, static_cast<long>(std::ceil(extent[m] / c.edge)));
     const long nbins = c.nb[0] * c.nb[1] * c.nb[2];
-    const std::size_t count = atom.size();
-    std::vector<long> bin_of(count);
-    c.start.assign(static_cast<std::size_t>(nbins) + 1, 0);
-    for (std::size_t k = 0; k < count; ++k) {
-        long b[3];
-        for (int m = 0; m < 3; ++m) {
-            const long q = static_cast<long>((pos[3 * k + m] - c.origin[m]) / c.edge);
-            b[m] = std::clamp(q, 0L, c.nb[m] - 1);
+    // Every kept image in the plain order (atom j, then k1, k2, k3) with its bin. Two passes
+    // over the images, one counting and one filling, write the cloud without intermediate
+    // lists; both compute the same numbers (no FMA contraction in this build).
+    auto for_each_image = [&](auto &&visit) {
+        for (long j = 0; j < cell->total; ++j) {
+            const double *x = cell->atom[j].x;
+            if (!finite_position(x)) continue;
+            for (long k1 = -f.n[0]; k1 <= f.n[0]; ++k1) {
+                for (long k2 = -f.n[1]; k2 <= f.n[1]; ++k2) {
+                    for (long k3 = -f.n[2]; k3 <= f.n[2]; ++k3) {
+                        double y[3];
+                        bool inside = true;
+                        for (int m = 0; m < 3; ++m) {
+                            y[m] = x[m] - (k1 * f.a[0][m] + k2 * f.a[1][m] + k3 * f.a[2][m]);
+                            inside = inside && y[m] >= lo[m] - reach && y[m] <= hi[m] + reach;
+                        }
+                        if (!inside) continue;
+                        long b[3];
+                        for (int m = 0; m < 3; ++m) {
+                            const long q = static_cast<long>((y[m] - c.origin[m]) / c.edge);
+                            b[m] = std::clamp(q, 0L, c.nb[m] - 1);
+                        }
+                        visit((b[0] * c.nb[1] + b[1]) * c.nb[2] + b[2], y, j, k1, k2, k3);
+                    }
+                }
+            }
         }
-        bin_of[k] = (b[0] * c.nb[1] + b[1]) * c.nb[2] + b[2];
-        ++c.start[bin_of[k] + 1];
-    }
+    };
+    c.start.assign(static_cast<std::size_t>(nbins) + 1, 0);
+    std::size_t count = 0;
+    for_each_image([&](long bin, const double *, long, long, long, long) {
+        ++c.start[static_cast<std::size_t>(bin) + 1];
+        ++count;
+    });
     for (long b = 0; b < nbins; ++b) c.start[b + 1] += c.start[b];
     std::vector<long> fill(c.start.begin(), c.start.end() - 1);
     c.px.resize(count);
@@ -240,15 +238,18 @@ void build_cloud(const QUOVIX_CELL *cell, const frame &f, double range,
     c.k.resize(3 * count);
     c.atom.resize(count);
     c.sp.resize(count);
-    for (std::size_t k = 0; k < count; ++k) {  // stable: plain order inside each bin
-        const long at = fill[bin_of[k]]++;
-        c.px[at] = pos[3 * k];
-        c.py[at] = pos[3 * k + 1];
-        c.pz[at] = pos[3 * k + 2];
-        for (int m = 0; m < 3; ++m) c.k[3 * at + m] = kk[3 * k + m];
-        c.atom[at] = atom[k];
-        c.sp[at] = species[atom[k]];
-    }
+    // Stable: the plain order inside each bin.
+    for_each_image([&](long bin, const double *y, long j, long k1, long k2, long k3) {
+        const auto at = static_cast<std::size_t>(fill[static_cast<std::size_t>(bin)]++);
+        c.px[at] = y[0];
+        c.py[at] = y[1];
+        c.pz[at] = y[2];
+        c.k[3 * at] = static_cast<double>(k1);
+        c.k[3 * at + 1] = static_cast<double>(k2);
+        c.k[3 * at + 2] = static_cast<double>(k3);
+        c.atom[at] = static_cast<int>(j);
+        c.sp[at] = species[static_cast<std::size_t>(j)];
+    });
 }
 
 // Everything a shipped pair sum needs; built once per call.
