@@ -66,23 +66,40 @@ bool next_int(const char *&p, int &value) {
     return true;
 }
 
-// Data lines of a parameter file with their keys (quovix_data_lines_for_each).
+// A species as the records carry it: symbol (as copy_type stores it) and oxidation state.
+struct species_key {
+    std::string type;
+    int os;
+};
+
+// Data lines of a parameter file whose keys name species of the set (for a pair line, both
+// species), in file order (quovix_data_lines_for_each). The records only ever look at such
+// lines, and the pair file has thousands of others.
 [[nodiscard]] bool load_data_lines(const char *path, line_kind kind,
+                                   const std::vector<species_key> &species,
                                    std::vector<keyed_line> &lines) {
     quovix_file_ptr file{path ? std::fopen(path, "rb") : nullptr};
     if (!file) return false;
+    const auto known = [&species](const std::string &type, int os) {
+        return std::any_of(species.begin(), species.end(),
+                           [&](const species_key &k) { return k.os == os && k.type == type; });
+    };
+    keyed_line line;
     quovix_data_lines_for_each(file.get(), [&](const char *buf) {
-        keyed_line line;
-        line.text = buf;
         const char *p = buf;
         int z = 0;
         if (kind == line_kind::unitary) {
-            line.keyed = next_int(p, z) && next_word(p, line.type1) && next_int(p, line.os1);
+            line.keyed = next_int(p, z) && next_word(p, line.type1) && next_int(p, line.os1) &&
+                         known(line.type1, line.os1);
         } else {
             line.keyed = next_word(p, line.type1) && next_int(p, line.os1) &&
-                         next_word(p, line.type2) && next_int(p, line.os2);
+                         known(line.type1, line.os1) && next_word(p, line.type2) &&
+                         next_int(p, line.os2) && known(line.type2, line.os2);
         }
-        lines.push_back(std::move(line));
+        if (line.keyed) {
+            line.text = buf;
+            lines.push_back(line);
+        }
         return false;
     });
     return true;
@@ -292,9 +309,17 @@ int quovix_property_update_read_from_file(QUOVIX_PROPERTY *ppt, const QUOVIX_CEL
         return 1;
     }
     return quovix_guard("parameter file lines", [&]() -> int {
+        std::vector<species_key> species;
+        for (int i = 0; i < ppt->total; ++i) {
+            char type[QUOVIX_TYPE_LEN];
+            copy_type(type, ppt->type[i]);
+            species.push_back({type, ppt->os[i]});
+        }
         std::vector<keyed_line> unitary_lines, binary_lines;
-        const bool unitary_ok = load_data_lines(dir_unitary, line_kind::unitary, unitary_lines);
-        const bool binary_ok = load_data_lines(dir_binary, line_kind::binary, binary_lines);
+        const bool unitary_ok =
+            load_data_lines(dir_unitary, line_kind::unitary, species, unitary_lines);
+        const bool binary_ok =
+            load_data_lines(dir_binary, line_kind::binary, species, binary_lines);
         for (int i = 0; i < ppt->total; ++i) {
             QUOVIX_PROPERTY_UNITARY *uni = &ppt->uni[i];
             copy_type(uni->type, ppt->type[i]);
