@@ -51,7 +51,8 @@ constexpr double sf_lower = 0.55, sf_upper = 1.0;
 constexpr int max_fit_iterations = 100;
 constexpr double fit_tolerance = 0.001 * 0.5;
 // Above this estimated number of Coulomb contacts the fit does not keep contact lists in
-// memory (about 24 bytes each) and evaluates the energy directly instead.
+// memory (8 bytes each in a fully occupied cell, 24 otherwise) and evaluates the energy
+// directly instead.
 constexpr double max_cached_contacts = 2.0e7;
 
 using quovix_images::frame;
