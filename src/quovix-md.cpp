@@ -52,6 +52,20 @@ int not_initialized() {
     return 1;
 }
 
+// True when a step returned 0; otherwise prints "Error: <call> returns non-zero.".
+[[nodiscard]] bool step_ok(int status, const char *call) {
+    if (status == 0) return true;
+    std::fprintf(stderr, "Error: %s returns non-zero.\n", call);
+    return false;
+}
+
+// The forces of the current positions; false after the error line.
+[[nodiscard]] bool force_ok(QUOVIX_MD *md) {
+    if (quovix_md_calculate_force(md) != nullptr) return true;
+    std::fputs("Error: quovix_md_calculate_force() returns NULL.\n", stderr);
+    return false;
+}
+
 // Zero-filled array of n rows of three doubles (at least one row), or null.
 double (*rows3(long n))[3] {
     return static_cast<double(*)[3]>(
@@ -400,23 +414,11 @@ int quovix_md_init_vv(QUOVIX_MD *md, bool open_files) {
         md->xyz = s.xyz->get();
         md->trj = s.trj->get();
     }
-    if (quovix_md_calculate_mass(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_mass() returns non-zero.\n", stderr);
-        return 1;
-    }
-    if (quovix_md_calculate_vi_vv(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_vi_vv() returns non-zero.\n", stderr);
-        return 1;
-    }
-    if (quovix_md_calculate_force(md) == nullptr) {
-        std::fputs("Error: quovix_md_calculate_force() returns NULL.\n", stderr);
-        return 1;
-    }
-    if (quovix_md_calculate_observables(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_observables() returns non-zero.\n", stderr);
-        return 1;
-    }
-    return 0;
+    const bool ok =
+        step_ok(quovix_md_calculate_mass(md), "quovix_md_calculate_mass()") &&
+        step_ok(quovix_md_calculate_vi_vv(md), "quovix_md_calculate_vi_vv()") && force_ok(md) &&
+        step_ok(quovix_md_calculate_observables(md), "quovix_md_calculate_observables()");
+    return ok ? 0 : 1;
 }
 
 /// Masses of all atoms: the species mass (amu) times 0.000103642699 eV ps^2 / A^2. A free atom
@@ -520,47 +522,24 @@ int quovix_md_calculate_x_vv(QUOVIX_MD *md) {
 int quovix_md_update_vv_langevin(QUOVIX_MD *md) {
     if (!valid(md)) return not_initialized();
     const long n = md->cell->total;
+    constexpr const char *half_kick = "quovix_md_calculate_v_vv_langevin()";
     quovix_matrixn3_double_random_normal(md->r, n, 0.0, 1.0);
-    if (quovix_md_calculate_v_vv_langevin(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_v_vv_langevin() returns non-zero.\n", stderr);
-        return 1;
-    }
-    if (quovix_md_calculate_x_vv(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_x_vv() returns non-zero.\n", stderr);
-        return 1;
-    }
-    if (quovix_md_calculate_force(md) == nullptr) {
-        std::fputs("Error: quovix_md_calculate_force() returns NULL.\n", stderr);
+    if (!step_ok(quovix_md_calculate_v_vv_langevin(md), half_kick) ||
+        !step_ok(quovix_md_calculate_x_vv(md), "quovix_md_calculate_x_vv()") || !force_ok(md)) {
         return 1;
     }
     quovix_matrixn3_double_random_normal(md->r, n, 0.0, 1.0);
-    if (quovix_md_calculate_v_vv_langevin(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_v_vv_langevin() returns non-zero.\n", stderr);
-        return 1;
-    }
-    return 0;
+    return step_ok(quovix_md_calculate_v_vv_langevin(md), half_kick) ? 0 : 1;
 }
 
 /// One plain velocity-Verlet step (no friction, no noise).
 int quovix_md_update_vv(QUOVIX_MD *md) {
     if (!valid(md)) return not_initialized();
-    if (quovix_md_calculate_v_vv(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_v_vv() returns non-zero.\n", stderr);
-        return 1;
-    }
-    if (quovix_md_calculate_x_vv(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_x_vv() returns non-zero.\n", stderr);
-        return 1;
-    }
-    if (quovix_md_calculate_force(md) == nullptr) {
-        std::fputs("Error: quovix_md_calculate_force() returns NULL.\n", stderr);
-        return 1;
-    }
-    if (quovix_md_calculate_v_vv(md) != 0) {
-        std::fputs("Error: quovix_md_calculate_v_vv() returns non-zero.\n", stderr);
-        return 1;
-    }
-    return 0;
+    constexpr const char *half_kick = "quovix_md_calculate_v_vv()";
+    const bool ok = step_ok(quovix_md_calculate_v_vv(md), half_kick) &&
+                    step_ok(quovix_md_calculate_x_vv(md), "quovix_md_calculate_x_vv()") &&
+                    force_ok(md) && step_ok(quovix_md_calculate_v_vv(md), half_kick);
+    return ok ? 0 : 1;
 }
 
 // ================================================================================ observables
