@@ -274,21 +274,36 @@ void quovix_cmd_name_replace_ext(char out[QUOVIX_PATH_LEN], const char *input, c
     std::snprintf(out, QUOVIX_PATH_LEN, "%s%s", base, suffix ? suffix : "");
 }
 
-bool quovix_cmd_read_cif(const QUOVIX_CMD_OPT *opt, const char *path, quovix_cell_ptr &cell,
-                         quovix_symmetry_ptr &symmetry) {
+namespace {
+
+// Runs one CIF import into owned records; on failure prints "Error: <name>() returns
+// non-zero." and leaves both owners empty.
+template <class Import>
+bool adopt_cif_import(const char *name, quovix_cell_ptr &cell, quovix_symmetry_ptr &symmetry,
+                      Import &&import) {
     QUOVIX_CELL *c = nullptr;
     QUOVIX_SYMMETRY *s = nullptr;
-    const int status =
-        quovix_cell_import_cif_from_file(&c, &s, path, opt->dir_symcards, opt->dir_unitary);
+    const int status = import(&c, &s);
     cell.reset(c);
     symmetry.reset(s);
     if (status != 0) {
         cell.reset();
         symmetry.reset();
-        std::fputs("Error: quovix_cell_import_cif_from_file() returns non-zero.\n", stderr);
+        std::fprintf(stderr, "Error: %s() returns non-zero.\n", name);
         return false;
     }
     return true;
+}
+
+}  // namespace
+
+bool quovix_cmd_read_cif(const QUOVIX_CMD_OPT *opt, const char *path, quovix_cell_ptr &cell,
+                         quovix_symmetry_ptr &symmetry) {
+    return adopt_cif_import("quovix_cell_import_cif_from_file", cell, symmetry,
+                            [&](QUOVIX_CELL **c, QUOVIX_SYMMETRY **s) {
+                                return quovix_cell_import_cif_from_file(
+                                    c, s, path, opt->dir_symcards, opt->dir_unitary);
+                            });
 }
 
 bool quovix_cmd_read_cif_text(QUOVIX_CMD_OPT *opt, quovix_cell_ptr &cell,
@@ -298,19 +313,11 @@ bool quovix_cmd_read_cif_text(QUOVIX_CMD_OPT *opt, quovix_cell_ptr &cell,
         std::fputs("Error: quovix_cmd_opt_cat_tail() returns NULL.\n", stderr);
         return false;
     }
-    QUOVIX_CELL *c = nullptr;
-    QUOVIX_SYMMETRY *s = nullptr;
-    const int status =
-        quovix_cell_import_cif_from_text(&c, &s, text.get(), opt->dir_symcards, opt->dir_unitary);
-    cell.reset(c);
-    symmetry.reset(s);
-    if (status != 0) {
-        cell.reset();
-        symmetry.reset();
-        std::fputs("Error: quovix_cell_import_cif_from_text() returns non-zero.\n", stderr);
-        return false;
-    }
-    return true;
+    return adopt_cif_import("quovix_cell_import_cif_from_text", cell, symmetry,
+                            [&](QUOVIX_CELL **c, QUOVIX_SYMMETRY **s) {
+                                return quovix_cell_import_cif_from_text(
+                                    c, s, text.get(), opt->dir_symcards, opt->dir_unitary);
+                            });
 }
 
 bool quovix_cmd_output_name(const quovix_args &args, std::size_t i, const char *suffix,
